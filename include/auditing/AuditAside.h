@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+
+#include "auditing/Export.h"
+#include "qelCore/Item.h"
+
+namespace qel {
+
+/// Why something was kept aside instead of standing in its log.
+enum class AsideReason {
+    damaged,     ///< an entry of a queue that could not be read
+    parked,      ///< an event of a queue that is larger than the service takes
+    overwritten  ///< a record of a central log that met another content under its own key
+};
+
+/// One thing that was kept aside.
+struct AsideEntry {
+    long long keptAt = 0;  ///< microseconds since 1970-01-01T00:00:00Z
+    Item key;              ///< the whole key it had in its log
+    Item value;            ///< the raw bytes it had there, as they were; they need not decode
+};
+
+/// What the library could neither deliver nor leave where it was, so that no evidence disappears in silence.
+/// It lies in the same store outside every log's path (first key element "qel-aside", a name that no log may
+/// bear), and is bounded: once `limit` entries are kept for one log and reason, further ones are only logged.
+/// Any thread.
+class QELAUDITING_EXPORT AuditAside {
+  public:
+    /// Entries kept per log and reason: enough to see what went wrong, at most some megabytes of usual
+    /// events.
+    static constexpr long long limit = 1000;
+
+    /// Keeps a copy of what stands under `key`, an entry of `log`, with its raw value. False when the limit
+    /// is reached. As durable as any other write of this thread.
+    static bool keep(AsideReason reason, const Item& log, const Item& key, const unsigned char* value,
+                     std::size_t size);
+
+    /// How many entries are kept for `log`; costs one look-up, not a walk.
+    static long long count(AsideReason reason, const Item& log);
+
+    /// Calls `visit` for each entry kept for `log`, oldest first, until it returns false.
+    static void walk(AsideReason reason, const Item& log,
+                     const std::function<bool(const AsideEntry&)>& visit);
+};
+
+}  // namespace qel

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <set>
+
+#include "auditing/AuditSequence.h"
+#include "auditing/Export.h"
+#include "qelNet/Client.h"
+
+namespace qel {
+
+/// The client end of the audit transport, bound to one peer, the audit service. It may carry several queries,
+/// one per queue. Used on the thread that delivers its peer's packets.
+class QELAUDITING_EXPORT AuditClient : public Client {
+  public:
+    class AuditQuery;
+
+    /// `peer` is not owned and must outlive the client; `name` is the service to ask for.
+    AuditClient(Peer* peer, const char* name);
+    AuditClient(const AuditClient& other);
+    AuditClient(AuditClient&& other) noexcept;
+    AuditClient& operator=(const AuditClient& other);
+    AuditClient& operator=(AuditClient&& other) noexcept;
+
+    const char* getDynamicClassName() const override;
+    std::array<const char*, 16> getDynamicClassChain() const override;
+    ~AuditClient() override;
+
+    static const char* getStaticClassName();
+    static std::array<const char*, 16> getStaticClassChain();
+
+  protected:
+    static int fillClassChain(std::array<const char*, 16>& chain, int index);
+};
+
+/// What one query has done since it was constructed; read it on the query's thread.
+struct AuditQueryStatistics {
+    unsigned long long sent = 0;
+    unsigned long long acknowledged = 0;
+    unsigned long long damaged = 0;  ///< queue entries that could not be read: kept aside, then removed
+    unsigned long long parked = 0;   ///< events larger than the service takes: kept aside, then removed
+};
+
+/// Drains one queue to the service: sends its events oldest first, keeps at most `window` of them
+/// unacknowledged, and removes each from the queue when its acknowledgement arrives. Nothing is lost when the
+/// connection or the process ends: what was not acknowledged is still queued, and the next query sends it. A
+/// query never sends an event twice; whoever finds that acknowledgements stay away closes the connection and
+/// makes a new query.
+///
+/// processEvents and packetReceived must not run at the same time: call processEvents on the thread that
+/// delivers the client's packets (post it there).
+class QELAUDITING_EXPORT AuditClient::AuditQuery : public Client::Query {
+  public:
+    /// How many events may be unacknowledged at a time.
+    static constexpr std::size_t window = 64;
+
+    /// Opens a session of type 3. `client` and `sequence` are not owned and must outlive the query.
+    AuditQuery(AuditClient* client, AuditSequence& sequence);
+    AuditQuery(const AuditQuery&) = delete;
+    AuditQuery& operator=(const AuditQuery&) = delete;
+
+    const char* getDynamicClassName() const override;
+    std::array<const char*, 16> getDynamicClassChain() const override;
+    /// The queue stays as it is.
+    ~AuditQuery() override;
+
+    using Client::Query::packetReceived;
+    /// Takes acknowledgements, in any order; each removes exactly its own event. False for packets of other
+    /// types.
+    bool packetReceived(Peer* peer, Packet* packet) override;
+
+    /// Sends what the window allows, oldest first. Does nothing while the connection cannot take packets.
+    /// Call it after an append, behind each burst of acknowledgements (setBurstHandler), and now and then.
+    void processEvents();
+
+    std::size_t getInFlightCount() const { return inFlight_.size(); }
+
+    /// When the window last moved: the last acknowledgement, or the last sending into an empty window. In
+    /// flight and long past means that the service has stalled.
+    std::chrono::steady_clock::time_point getLastProgress() const { return lastProgress_; }
+
+    const AuditQueryStatistics& getStatistics() const { return statistics_; }
+
+    static const char* getStaticClassName();
+    static std::array<const char*, 16> getStaticClassChain();
+
+  protected:
+    static int fillClassChain(std::array<const char*, 16>& chain, int index);
+
+  private:
+    bool connectionTakesPackets() const;
+    bool processEntry(Item& position);
+    void send(long long time, const Item& event);
+    void acknowledged(long long time);
+
+    AuditSequence& sequence_;
+    std::set<long long> inFlight_;
+    std::chrono::steady_clock::time_point lastProgress_;
+    AuditQueryStatistics statistics_;
+};
+
+}  // namespace qel
