@@ -1,0 +1,7 @@
+#include "qelCore/Object.h"
+
+namespace qel {
+
+Object::~Object() = default;
+
+}  // namespace qel
