@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "qelCore/ConstByteSpan.h"
 #include "qelCore/Export.h"
@@ -29,7 +30,13 @@ class QELCORE_EXPORT Item {
     /// Bound for `isWellFormed` when the caller has none of its own, in bytes.
     static constexpr std::size_t maxLength = std::size_t{16} << 20;
 
-    Item() noexcept;
+    /// Usable in constant initialisation: an empty item of static storage is there before any code runs.
+    constexpr Item() noexcept : data_(inline_) {
+        // Only there must every byte have a value; at run time it would be work for nothing.
+        if (std::is_constant_evaluated())
+            for (unsigned char& byte : inline_)
+                byte = 0;
+    }
     Item(const Item& other);
     Item(Item&& other) noexcept;
     Item& operator=(const Item& other);
