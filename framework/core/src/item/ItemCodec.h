@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+/// The bytes of encoded items: docs/formats/item.md. All values here lie on disk and on the wire, so they are kept
+/// for good. Bytewise order of the codes is the order of the values.
+namespace qel::codec {
+
+// Ends a text, plain bytes or a nested item. No element begins with it, so a shorter item sorts first.
+constexpr unsigned char endMark = 0x00;
+// Texts and bytes hold no endMark: 00 is written as 01 01 and 01 as 01 02, which keeps their order.
+constexpr unsigned char escape = 0x01;
+constexpr unsigned char escapedZero = 0x01;
+constexpr unsigned char escapedOne = 0x02;
+
+constexpr unsigned char boolFalse = 13;
+constexpr unsigned char boolTrue = 14;
+// Integers: the code says sign and length; 0x10 to 0x17 are negative numbers of 8 to 1 bytes, 0x19 to 0x20 positive
+// ones of 1 to 8 bytes, most significant byte first, in two's complement, of the least length that holds them.
+constexpr unsigned char integerZero = 0x18;
+constexpr unsigned char integerFirst = 0x10;
+constexpr unsigned char integerLast = 0x20;
+constexpr unsigned char text = 0x28;
+constexpr unsigned char bytes = 0x30;
+// Above all others, so that walking back from a key that ends in an integer never reaches one that ends in an item.
+constexpr unsigned char nested = 0x38;
+
+// Lower and upper than the first byte of any element: bounds for seeks.
+constexpr unsigned char belowAll = 0x01;
+constexpr unsigned char firstCode = boolFalse;
+constexpr unsigned char aboveAll = 0xff;
+
+constexpr std::size_t longestInteger = 9;
+
+/// Writes the element and returns its length; `out` has room for `longestInteger` bytes.
+std::size_t encodeInteger(long long value, unsigned char* out);
+
+/// Where the element at `at` ends, or null when there is none before `end` or its frame is broken. Looks no further
+/// than needed to find the end: use it on bytes that are known to be good or that are decoded afterwards.
+const unsigned char* elementEnd(const unsigned char* at, const unsigned char* end, int depth = 0);
+
+/// True when the bytes are whole elements in their one valid form, nested at most `maxDepth` deep.
+bool isWellFormed(const unsigned char* at, const unsigned char* end, int maxDepth);
+
+/// The integer of the element at `at`, which ends at `end`; false when it is no integer in its one valid form.
+bool decodeInteger(const unsigned char* at, const unsigned char* end, long long& value);
+
+/// True when the text or bytes between `at` and `end` need no decoding.
+inline bool isVerbatim(const unsigned char* at, const unsigned char* end) {
+    return std::memchr(at, escape, static_cast<std::size_t>(end - at)) == nullptr;
+}
+/// Decodes the content of a text or of plain bytes; false when an escape is none.
+bool unescape(const unsigned char* at, const unsigned char* end, std::string& out);
+
+/// Appends the printable form of the elements, as `Item::asString` documents it.
+void print(const unsigned char* at, const unsigned char* end, std::string& out);
+/// Appends bytes as hexadecimal digits.
+void printHex(std::string_view content, std::string& out);
+
+}  // namespace qel::codec
