@@ -34,8 +34,6 @@ unsigned char* copyEscaped(const unsigned char* from, std::size_t size, unsigned
 
 }  // namespace
 
-Item::Item() noexcept : data_(inline_) {}
-
 Item::Item(const Item& other) : data_(inline_) {
     assign(other.data_, other.size_);
     last_ = other.last_;
