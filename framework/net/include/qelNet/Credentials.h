@@ -42,7 +42,7 @@ class QELNET_EXPORT Credentials {
     long long getValidUntil() const;
     /// One sentence when the certificate ends within `days` days of `now` (or has ended), else empty.
     std::string describeExpiry(long long now, int days = 30) const;
-    const SiteKey& getSiteKey() const;
+    SiteKey getSiteKey() const;
 
     class State;
     /// The state in use now; for the framework itself.
