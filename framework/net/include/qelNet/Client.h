@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,8 +14,9 @@ class Peer;
 
 /// The client's end of one service of a peer. It only names both; its queries do the talking. A small value
 /// that does not own the peer, which must outlive it.
-class QELNET_EXPORT Client {
-  public:
+class QELNET_EXPORT Client : public Object {
+    QEL_CLASS(Client, Object)
+
     class Query;
 
     /// `name` is the name of the service at the peer; it is copied.
@@ -26,18 +26,10 @@ class QELNET_EXPORT Client {
     Client& operator=(const Client&);
     Client& operator=(Client&&) noexcept;
 
-    static const char* getStaticClassName() { return "Client"; }
-    static std::array<const char*, 16> getStaticClassChain();
-
-    virtual const char* getDynamicClassName() const;
-    virtual std::array<const char*, 16> getDynamicClassChain() const;
-    virtual ~Client();
+    ~Client() override;
 
     Peer* getPeer() const { return peer_; }
     const std::string& getName() const { return name_; }
-
-  protected:
-    static int fillClassChain(std::array<const char*, 16>& chain, int index);
 
   private:
     Peer* peer_;
@@ -50,17 +42,13 @@ class QELNET_EXPORT Client {
 /// come on the strand of the peer; post there what must not run at the same time. Destroying a query waits
 /// for a callback of it that is running on another thread, and none follows.
 class QELNET_EXPORT Client::Query : public Service {
-  public:
+    QEL_CLASS(Query, Service)
+
     /// Opens a session of that type. `client` must outlive the query.
     Query(Client* client, short sessionType);
     ~Query() override;
     Query(const Query&) = delete;
     Query& operator=(const Query&) = delete;
-
-    static const char* getStaticClassName() { return "Query"; }
-    static std::array<const char*, 16> getStaticClassChain();
-    const char* getDynamicClassName() const override;
-    std::array<const char*, 16> getDynamicClassChain() const override;
 
     /// Handles one packet of the service; it is offered here first. The base declines.
     bool packetReceived(Peer* peer, Packet* packet) override;
@@ -90,9 +78,6 @@ class QELNET_EXPORT Client::Query : public Service {
     /// Called on the strand after all packets of one burst have been handled, so that an answer to all of
     /// them is made once: the place to send further events from.
     void setBurstHandler(std::function<void()> handler);
-
-  protected:
-    static int fillClassChain(std::array<const char*, 16>& chain, int index);
 
   private:
     class Listener;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <map>
 #include <string>
 #include <utility>
@@ -19,45 +18,26 @@ class ReportGenerator;
 /// session types. The host owns it, and keeps it until the network is stopped. Factories are registered
 /// before the network listens; after that createSession and packetReceived are called from the strands of all
 /// connections, several at a time.
-class QELNET_EXPORT Service {
-  public:
+class QELNET_EXPORT Service : public Object {
+    QEL_CLASS(Service, Object)
+
     /// Makes the sessions of one type. Reference-counted; the service holds one reference.
     class QELNET_EXPORT SessionFactoryBase : public Object {
-      public:
+        QEL_CLASS(SessionFactoryBase, Object)
+
         SessionFactoryBase();
         ~SessionFactoryBase() override;
-        static const char* getStaticClassName() { return "SessionFactoryBase"; }
-        static std::array<const char*, 16> getStaticClassChain();
-        const char* getDynamicClassName() const override;
-        std::array<const char*, 16> getDynamicClassChain() const override;
 
         /// A new session, not bound yet; the caller owns it and ends it with release.
         virtual Session* createSession() = 0;
-
-      protected:
-        static int fillClassChain(std::array<const char*, 16>& chain, int index);
     };
 
     /// The factory of the session class T, whose default constructor it can reach.
     template <class T>
     class SessionFactory : public SessionFactoryBase {
-      public:
-        static const char* getStaticClassName() { return "SessionFactory"; }
-        static std::array<const char*, 16> getStaticClassChain() {
-            std::array<const char*, 16> chain{};
-            fillClassChain(chain, 0);
-            return chain;
-        }
-        const char* getDynamicClassName() const override { return getStaticClassName(); }
-        std::array<const char*, 16> getDynamicClassChain() const override { return getStaticClassChain(); }
-        Session* createSession() override { return new T(); }
+        QEL_CLASS(SessionFactory, SessionFactoryBase)
 
-      protected:
-        static int fillClassChain(std::array<const char*, 16>& chain, int index) {
-            index = SessionFactoryBase::fillClassChain(chain, index);
-            chain[static_cast<std::size_t>(index)] = getStaticClassName();
-            return index + 1;
-        }
+        Session* createSession() override { return new T(); }
     };
 
     using SessionFactories = std::map<short, SessionFactoryBase*>;
@@ -70,12 +50,7 @@ class QELNET_EXPORT Service {
     Service& operator=(const Service& other);
     Service& operator=(Service&& other) noexcept;
 
-    static const char* getStaticClassName() { return "Service"; }
-    static std::array<const char*, 16> getStaticClassChain();
-
-    virtual const char* getDynamicClassName() const;
-    virtual std::array<const char*, 16> getDynamicClassChain() const;
-    virtual ~Service();
+    ~Service() override;
 
     /// A packet that its session declined. False (the base always) declines it again.
     virtual bool packetReceived(Peer* peer, Packet* packet);
@@ -93,9 +68,6 @@ class QELNET_EXPORT Service {
     /// that of the one it replaces goes down, so registering the same factory again is harmless.
     void registerSessionFactory(short type, SessionFactoryBase* factory);
     const SessionFactories& getSessionFactories() const { return factories_; }
-
-  protected:
-    static int fillClassChain(std::array<const char*, 16>& chain, int index);
 
   private:
     void releaseFactories();

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <array>
 #include <functional>
 #include <memory>
 
+#include "qelCore/Object.h"
 #include "qelNet/Export.h"
 
 namespace qel {
@@ -18,18 +18,15 @@ class SessionBinding;
 /// factory, binds it to service and peer, and releases it when the session or its connection ends. All its
 /// operations run on the strand of its connection, never two at a time, each inside a write batch: what they
 /// store is committed together, and packets sent with sendPacket leave only when that is durable.
-class QELNET_EXPORT Session {
-  public:
-    static const char* getStaticClassName() { return "Session"; }
-    static std::array<const char*, 16> getStaticClassChain();
+class QELNET_EXPORT Session : public Object {
+    QEL_CLASS(Session, Object)
 
-    virtual const char* getDynamicClassName() const;
-    virtual std::array<const char*, 16> getDynamicClassChain() const;
-    virtual ~Session();
+    ~Session() override;
 
     /// Called once, when service and peer are bound and before the first packet.
     virtual void peerAttached();
-    /// The last call: the session is over. Destroys the session; overriders call the base at their end.
+    /// The last call: the session is over. Gives up the reference its creator held, which destroys the
+    /// session; overriders call the base at their end.
     virtual void release();
     /// Called about once a second.
     virtual void tick();
@@ -65,7 +62,6 @@ class QELNET_EXPORT Session {
 
   protected:
     Session();
-    static int fillClassChain(std::array<const char*, 16>& chain, int index);
 
   private:
     friend class SessionBinding;
