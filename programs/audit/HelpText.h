@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace qel::programs {
+
+/// What --help and the man page of one command say. Plain record.
+struct HelpPage {
+    struct Option {
+        std::string name;
+        std::string placeholder;  // empty for a flag
+        std::string text;
+        std::string fallback;  // the default; empty for none
+        bool required = false;
+    };
+    struct Entry {
+        std::string word;
+        std::string text;
+    };
+
+    std::string name;     // "qel-audit record"
+    std::string summary;  // one line, without full stop
+    std::vector<std::string> paragraphs;
+    std::vector<Entry> positions;
+    std::vector<Option> options;
+    std::vector<Entry> entries;  // the commands of a group
+    std::vector<std::string> examples;
+};
+
+/// Plain text of at most 80 columns.
+std::string renderHelp(const HelpPage& page);
+
+/// The same as a manual page for man(1).
+std::string renderMan(const HelpPage& page);
+
+/// "qel-audit 1.0.0".
+std::string versionLine();
+
+/// The sentence about arguments that no option takes: "--fron is not an option here, perhaps --from".
+std::string explainExtras(const HelpPage& page, const std::vector<std::string>& extras);
+
+}  // namespace qel::programs

@@ -1,0 +1,34 @@
+#include "common/Output.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include "common/Failure.h"
+
+namespace qel::programs {
+
+void Output::message(const std::string& sentence) const {
+    if (!quiet_)
+        warning(sentence);
+}
+
+void Output::warning(const std::string& sentence) const {
+    std::fprintf(stderr, "%s: %s\n", command_.c_str(), sentence.c_str());
+}
+
+void Output::line(const std::string& text) const {
+    if (json_)
+        return;
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fputc('\n', stdout);
+}
+
+void Output::finish() {
+    if (json_)
+        std::puts(result_.text().c_str());
+    errno = 0;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout))
+        throw systemFailure(exitInputOutput, "standard output", errno ? errno : EIO);
+}
+
+}  // namespace qel::programs

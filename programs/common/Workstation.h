@@ -1,0 +1,62 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "auditing/AuditSequence.h"
+#include "common/Configs.h"
+#include "qelCore/ItemStore.h"
+#include "qelNet/Credentials.h"
+
+namespace qel::programs {
+
+/// The path of a log in the store, as configurations write it: parts separated by "/".
+/// Throws Failure(78) when nothing is between two of them.
+Item logPath(const std::string& text);
+
+/// Largest event that a workstation takes into its queue, in bytes: what a service accepts by default, so that
+/// nothing is queued that cannot be delivered.
+constexpr std::size_t largestEvent = 60 * 1024;
+
+/// A workstation as its configuration describes it: identity, queues and the store that they lie in, which is the
+/// process's current one while this object lives. Used by one thread, apart from the store itself.
+class Workstation {
+  public:
+    enum class Use {
+        look,  ///< the store must exist; nothing is written
+        work,  ///< the store is created when missing, and bound to the identity
+    };
+
+    /// Throws Failure: 66 no configuration or no store, 78 a configuration that cannot work (a queue that was filled
+    /// by another identity included), 74 a store that cannot be opened.
+    Workstation(const std::string& configFile, Use use);
+    ~Workstation();
+    Workstation(const Workstation&) = delete;
+    Workstation& operator=(const Workstation&) = delete;
+
+    const WorkstationConfig& config() const { return config_; }
+    ItemStore& store() { return *store_; }
+    const std::shared_ptr<Credentials>& credentials() const { return credentials_; }
+    /// `log` is "interaction" or "audit".
+    AuditSequence& sequence(const std::string& log) { return log == "audit" ? audit_ : interaction_; }
+    const LogConfig& logConfig(const std::string& log) const {
+        return log == "audit" ? config_.audit : config_.interaction;
+    }
+
+  private:
+    void openStore(Use use);
+    void bindIdentity();
+    void rememberLogs();
+
+    WorkstationConfig config_;
+    std::shared_ptr<Credentials> credentials_;
+    std::unique_ptr<ItemStore> store_;
+    AuditSequence interaction_;
+    AuditSequence audit_;
+};
+
+/// Reads the credentials that a configuration names; throws Failure(78) with the fault.
+std::shared_ptr<Credentials> loadCredentials(const ConfigBase& config, const TlsConfig& tls,
+                                             const std::string& siteKey = {});
+
+}  // namespace qel::programs
