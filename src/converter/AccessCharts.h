@@ -1,0 +1,74 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "converter/AccessKeys.h"
+#include "converter/Calendar.h"
+#include "converter/UsageCounts.h"
+#include "converter/UserDirectory.h"
+
+namespace qel {
+
+/// What was looked at: series and studies per month, per user, per group and per user and month, from the
+/// "DataAccess" lines of the audit log.
+class AccessCharts {
+  public:
+    AccessCharts(UsageCounts& counts, UserDirectory& users) : counts_(counts), users_(users) {}
+
+    void count(std::uint32_t name, const Day& day, std::string_view study, std::string_view series);
+    /// Hands over what was gathered per user and group.
+    void finish();
+
+  private:
+    enum Kind : std::uint32_t { seriesKind = 0, studyKind = 1 };
+    static constexpr std::size_t kinds = 2;
+    using Totals = std::array<std::int32_t, kinds>;
+
+    /// One user on one day: the first halves of the once-keys of what is looked at then.
+    struct Visit {
+        std::uint32_t inMonth = 0;
+        std::uint32_t ofUser = 0;
+        std::vector<std::uint32_t> ofGroups;  // in the order of the user's groups
+    };
+    struct Viewer {
+        int series = -1;  ///< of chart 9; negative while the user has viewed nothing
+        std::uint32_t lastDay = 0;
+        std::uint32_t lastVisit = 0;
+        Totals totals{};
+    };
+
+    Viewer& viewerOf(std::uint32_t name);
+    std::uint32_t visitOf(Viewer& viewer, std::uint32_t name, const Day& day);
+    Visit makeVisit(std::uint32_t name, const Day& day);
+    void countIdentifier(Viewer& viewer, std::uint32_t name, const Day& day, std::uint32_t visit,
+                         std::string_view identifier, Kind kind);
+    void countPlain(Viewer& viewer, std::uint32_t name, const Day& day, const Visit& visit, std::uint32_t low,
+                    Kind kind);
+    void countJoined(Viewer& viewer, std::uint32_t name, const Day& day, std::string_view identifier,
+                     Kind kind);
+    std::string groupPrefix(std::uint32_t group, std::uint32_t name) const;
+    void countForGroup(std::uint32_t group, Kind kind);
+
+    UsageCounts& counts_;
+    UserDirectory& users_;
+    TextNumbers identifiers_;
+    AccessKeys keys_{identifiers_};
+    Calendar joinedDays_;
+    KeyNumbers visitNumbers_;
+    std::vector<Visit> visits_;
+    std::vector<Viewer> viewers_;  // by name
+    std::vector<Totals> groups_;   // by group
+    KeyNumbers monthPlaces_;
+    KeyNumbers userPlaces_;
+    KeyNumbers groupPlaces_;
+    OnceSet seen_;  // user, day and identifier, as they come
+    OnceSet seenInMonth_;
+    OnceSet seenByUser_;
+    OnceSet seenByGroup_;
+};
+
+}  // namespace qel

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qel {
+
+/// A report of ten million lines meets the same few thousand names and days over and over. These tables give
+/// each one a number, once, so that everything behind them compares numbers: a once-rule becomes a 64-bit key,
+/// and looking up takes the same time however many there are. All are for one thread.
+
+/// Numbers texts from 0 in the order in which they are met.
+class TextNumbers {
+  public:
+    TextNumbers();
+
+    /// The number of the text; a text not met before is entered without being copied, so its bytes must stay.
+    std::uint32_t numberOf(std::string_view text);
+    /// The same for a text that does not stay: it is copied when it is new.
+    std::uint32_t numberOfCopy(std::string_view text);
+
+    std::uint32_t count() const { return static_cast<std::uint32_t>(texts_.size()); }
+    std::string_view text(std::uint32_t number) const { return texts_[number]; }
+
+  private:
+    struct Slot {
+        std::uint32_t tag = 0;     ///< part of the hash, so that few texts have to be compared
+        std::uint32_t number = 0;  ///< plus one; 0 is a free slot
+    };
+
+    /// The slot that holds the text, or the free one where it belongs.
+    Slot& find(std::string_view text, std::uint64_t hash);
+    std::uint32_t enter(Slot& slot, std::string_view text, std::uint64_t hash);
+    void grow();
+
+    std::vector<Slot> slots_;
+    std::vector<std::string_view> texts_;
+    std::deque<std::string> copies_;
+};
+
+/// Two 32-bit numbers as one key.
+constexpr std::uint64_t pairKey(std::uint32_t high, std::uint32_t low) {
+    return std::uint64_t{high} << 32 | low;
+}
+
+/// Numbers 64-bit keys from 1 in the order in which they are met. (From 1, so that a pair whose high half is
+/// such a number is never 0, which OnceSet needs.)
+class KeyNumbers {
+  public:
+    KeyNumbers();
+    std::uint32_t numberOf(std::uint64_t key);
+
+  private:
+    struct Slot {
+        std::uint64_t key = 0;
+        std::uint32_t number = 0;
+    };
+
+    void grow();
+
+    std::vector<Slot> slots_;
+    std::uint32_t count_ = 0;
+};
+
+/// Remembers 64-bit keys, eight bytes each at a third to two thirds of the slots in use; looking up allocates
+/// nothing. A key must not be 0.
+class OnceSet {
+  public:
+    OnceSet();
+    /// True when the key was not there before.
+    bool insert(std::uint64_t key);
+    std::size_t size() const { return count_; }
+
+  private:
+    void grow();
+
+    std::vector<std::uint64_t> slots_;
+    std::size_t count_ = 0;
+};
+
+}  // namespace qel
