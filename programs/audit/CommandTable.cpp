@@ -4,6 +4,8 @@ namespace qel::programs {
 
 const std::vector<Command>& auditCommands() {
     static const std::vector<Command> commands{
+        {"init", "make a new site, or one more server of a site", runInit},
+        {"enroll", "make the identities of workstations", runEnroll},
         {"simulate", "write the events of an imagined site", runSimulate},
     };
     return commands;

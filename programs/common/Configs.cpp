@@ -50,7 +50,8 @@ void DaemonConfig::bind(ConfigBinder& binder) {
     binder.section("service", "Where workstations and auditors reach this daemon.");
     binder.endpoint("listen", listen, false,
                     "Address and port to accept connections on; port 0 picks a free one");
-    binder.text("name", name, "Name of this server in log lines");
+    binder.text("name", name,
+                "Name or address that workstations reach this server by, as in its certificate");
     binder.section("store", "The central logs.");
     binder.text("url", storeUrl, "lmdb:PATH for the embedded store or postgresql://… for a shared database");
     bindLogs(binder, audit, interaction, "Keep a pseudonym in place of the names of user and device");

@@ -1,0 +1,108 @@
+#include <filesystem>
+#include <set>
+#include <utility>
+
+#include "audit/Commands.h"
+#include "common/Failure.h"
+#include "common/LineReader.h"
+#include "common/Output.h"
+#include "common/Progress.h"
+#include "common/Site.h"
+
+namespace qel::programs {
+namespace {
+
+struct Candidate {
+    std::string user;
+    std::string device;
+    std::string folder;
+};
+
+/// Reads the whole list before anything is made, so that a bad line leaves nothing half done.
+std::vector<Candidate> readList(const std::string& file, const std::string& out) {
+    std::vector<Candidate> candidates;
+    std::set<std::string> seen;
+    LineReader lines(file);
+    std::string_view line;
+    while (lines.next(line)) {
+        if (!line.empty() && line.back() == '\r')
+            line.remove_suffix(1);
+        if (line.empty())
+            continue;
+        const std::size_t separator = line.find(';');
+        if (separator == std::string_view::npos || line.find(';', separator + 1) != std::string_view::npos)
+            throw Failure(exitBadData,
+                          lines.place() + ": \"" + std::string(line) + "\", expected user;device");
+        const std::string user(line.substr(0, separator));
+        const std::string device(line.substr(separator + 1));
+        std::string name;
+        try {
+            name = identityFolder(user, device);
+        } catch (const Failure& failure) {
+            throw Failure(exitBadData, lines.place() + ": " + failure.what());
+        }
+        if (!seen.insert(name).second)
+            throw Failure(exitBadData, lines.place() + ": " + name + " stands in the list already");
+        candidates.push_back({user, device, out + '/' + name});
+    }
+    return candidates;
+}
+
+}  // namespace
+
+int runEnroll(CommandLine& line) {
+    std::string folder;
+    std::string user;
+    std::string device;
+    std::string list;
+    std::string out;
+    AuthorityKey key;
+    line.describe(
+        "Makes the identity of a user at a device: certificate, key, the authority's certificate and "
+        "qel-audit.toml, "
+        "together in a folder that is ready to use. With --list many are made, each in its own folder U@D.");
+    line.position("DIR", folder, "folder of the site, as made by 'init'");
+    line.text("--user", "U", user, "name of the user");
+    line.text("--device", "D", device, "name of the device");
+    line.text("--list", "FILE", list, "enroll one user;device per line");
+    line.text("--out", "DIR2", out,
+              "folder of the identity (default DIR/U@D), with --list the folder above them all");
+    line.text("--authority-key", "FILE", key.file,
+              "where the authority's key lives, instead of DIR/authority.key");
+    line.text("--passphrase-file", "FILE", key.passphraseFile,
+              "file with the passphrase of the authority's key");
+    line.example("qel-audit enroll /etc/qel --user anna --device ws-01 --out anna");
+    line.example("qel-audit enroll /etc/qel --list identities.txt --out workstations");
+    if (const auto code = line.parse())
+        return *code;
+    if (!list.empty() && (!user.empty() || !device.empty()))
+        return line.usageError("--list does not go together with --user and --device");
+    if (list.empty() && (user.empty() || device.empty()))
+        return line.usageError("--user and --device, or --list, are required");
+
+    Output output(line.name(), line.quiet(), line.json());
+    const Site site(folder);
+    std::vector<Candidate> candidates;
+    if (!list.empty()) {
+        candidates = readList(list, out.empty() ? folder : out);
+    } else {
+        const std::string name = out.empty() ? folder + '/' + identityFolder(user, device) : out;
+        candidates.push_back({user, device, name});
+    }
+    const std::unique_ptr<Authority> authority = site.loadAuthority(key);
+    Progress progress("enrolling", candidates.size(), line.quiet());
+    std::uint64_t done = 0;
+    for (const Candidate& candidate : candidates) {
+        enrollIdentity(site, *authority, candidate.user, candidate.device, candidate.folder);
+        progress.update(++done);
+    }
+    output.message(done == 1 ? "the identity lies in " + candidates.front().folder
+                             : grouped(done) + " identities enrolled");
+    output.result().add("enrolled", static_cast<std::int64_t>(done));
+    if (done == 1)
+        output.result().add("folder", candidates.front().folder);
+    output.finish();
+    return exitDone;
+}
+
+}  // namespace qel::programs

@@ -1,0 +1,49 @@
+#include "audit/Commands.h"
+#include "common/Failure.h"
+#include "common/Output.h"
+#include "common/Site.h"
+
+namespace qel::programs {
+
+int runInit(CommandLine& line) {
+    std::string folder;
+    std::string server;
+    std::string join;
+    AuthorityKey key;
+    line.describe(
+        "Makes the folder of a site: its authority, the site key, the identity of a server and "
+        "qel-auditd.toml, ready "
+        "for 'qel-auditd --config'. The folder is created; one that exists must be empty.");
+    line.describe(
+        "The authority's key is needed by 'init --join' and 'enroll' only. Keep it away from the server: "
+        "--authority-key "
+        "lets it live elsewhere, and it is encrypted when a passphrase is given.");
+    line.position("DIR", folder, "folder of the site");
+    line.requiredText("--server", "HOST", server, "name or IP address that workstations reach the server by");
+    line.text("--join", "DIR0", join, "make one more server of the site in DIR0, with the same site key");
+    line.text("--authority-key", "FILE", key.file,
+              "where the authority's key lives, instead of DIR/authority.key");
+    line.text("--passphrase-file", "FILE", key.passphraseFile,
+              "file with the passphrase of the authority's key");
+    line.example("qel-audit init /etc/qel --server audit.hospital.example");
+    if (const auto code = line.parse())
+        return *code;
+    if (server.empty())
+        return line.usageError("--server is empty, expected a name or an IP address");
+
+    Output output(line.name(), line.quiet(), line.json());
+    const Site site(folder);
+    if (join.empty())
+        site.create(server, key);
+    else
+        site.join(Site(join), server, key);
+    output.message("the site lies in " + folder + "; start its server with 'qel-auditd --config " +
+                   site.configuration() + "'");
+    output.result().add("folder", folder);
+    output.result().add("server", server);
+    output.result().add("configuration", site.configuration());
+    output.finish();
+    return exitDone;
+}
+
+}  // namespace qel::programs

@@ -1,0 +1,156 @@
+#include "common/Site.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <sstream>
+
+#include "common/ConfigFile.h"
+#include "common/Failure.h"
+#include "common/Folders.h"
+#include "common/SecretFile.h"
+#include "qelNet/Identity.h"
+
+namespace qel::programs {
+namespace {
+
+constexpr const char* usualPort = "7443";
+
+std::string passphraseOf(const AuthorityKey& key) {
+    if (key.passphraseFile.empty())
+        return {};
+    requireSecretFile(key.passphraseFile);
+    std::string passphrase = readTextFile(key.passphraseFile);
+    while (!passphrase.empty() && (passphrase.back() == '\n' || passphrase.back() == '\r'))
+        passphrase.pop_back();
+    if (passphrase.empty())
+        throw Failure(exitBadData, key.passphraseFile + ": is empty, expected a passphrase on one line");
+    return passphrase;
+}
+
+/// A host as it stands before ":PORT".
+std::string bracketed(const std::string& host) {
+    return host.find(':') == std::string::npos ? host : '[' + host + ']';
+}
+
+void requireSite(const Site& site) {
+    for (const std::string& file : {site.configuration(), site.authorityCertificate(), site.siteKey()})
+        if (!std::filesystem::exists(file))
+            throw Failure(exitInputMissing,
+                          file + ": is missing, expected a folder made by 'qel-audit init'");
+}
+
+}  // namespace
+
+std::string Site::keyFile(const AuthorityKey& key) const {
+    return key.file.empty() ? folder_ + "/authority.key" : key.file;
+}
+
+void Site::create(const std::string& host, const AuthorityKey& key) const {
+    const std::string passphrase = passphraseOf(key);
+    if (std::filesystem::exists(keyFile(key)) && !key.file.empty())
+        throw Failure(exitCannotCreate, key.file + ": exists, an authority's key is never replaced");
+    createNewFolder(folder_);
+    std::string error;
+    const std::unique_ptr<Authority> authority = Authority::create(
+        "Auditing authority of " + host, authorityCertificate(), keyFile(key), error, passphrase);
+    if (!authority)
+        throw Failure(exitCannotCreate, error);
+    if (!SiteKey::create(siteKey(), error))
+        throw Failure(exitCannotCreate, error);
+    issueServer(*authority, host);
+    writeConfiguration(host);
+}
+
+void Site::join(const Site& first, const std::string& host, const AuthorityKey& key) const {
+    requireSite(first);
+    const std::unique_ptr<Authority> authority = first.loadAuthority(key);
+    createNewFolder(folder_);
+    writeNewFile(authorityCertificate(), readTextFile(first.authorityCertificate()));
+    writeSecretFile(siteKey(), readTextFile(first.siteKey()));
+    issueServer(*authority, host);
+    writeConfiguration(host);
+    // Workstations that are enrolled from now on know both servers.
+    const std::string others = first.folder() + "/servers.txt";
+    std::string lines = std::filesystem::exists(others) ? readTextFile(others) : std::string();
+    replaceFile(others, lines + bracketed(host) + ':' + usualPort + '\n');
+}
+
+void Site::issueServer(Authority& authority, const std::string& host) const {
+    std::string error;
+    if (!authority.issueServer({host}, folder_ + "/server.crt", folder_ + "/server.key", error))
+        throw Failure(exitCannotCreate, error);
+}
+
+void Site::writeConfiguration(const std::string& host) const {
+    DaemonConfig config;
+    config.name = host;
+    config.listen = std::string(host.find(':') == std::string::npos ? "0.0.0.0" : "[::]") + ':' + usualPort;
+    writeNewFile(configuration(), printConfig(config, true));
+}
+
+std::unique_ptr<Authority> Site::loadAuthority(const AuthorityKey& key) const {
+    requireSite(*this);
+    const std::string file = keyFile(key);
+    if (!std::filesystem::exists(file))
+        throw Failure(exitInputMissing,
+                      file + ": is missing; --authority-key names the key of the site's authority");
+    requireSecretFile(file);
+    std::string error;
+    std::unique_ptr<Authority> authority =
+        Authority::load(authorityCertificate(), file, error, passphraseOf(key));
+    if (!authority)
+        throw Failure(exitConfiguration, error);
+    return authority;
+}
+
+std::vector<std::string> Site::addresses() const {
+    DaemonConfig config;
+    readConfig(configuration(), config);
+    std::string host;
+    std::uint16_t port = 0;
+    splitEndpoint(config.listen, host, port);
+    std::vector<std::string> all{bracketed(config.name) + ':' +
+                                 (port == 0 ? usualPort : std::to_string(port))};
+    const std::string others = folder_ + "/servers.txt";
+    if (std::filesystem::exists(others)) {
+        std::istringstream lines(readTextFile(others));
+        for (std::string line; std::getline(lines, line);)
+            if (!line.empty())
+                all.push_back(line);
+    }
+    return all;
+}
+
+std::string identityFolder(const std::string& user, const std::string& device) {
+    for (const std::string& name : {user, device}) {
+        if (name.empty())
+            throw Failure(exitBadData, "a user or device without a name cannot be enrolled");
+        if (name.find('/') != std::string::npos || name.front() == '.')
+            throw Failure(exitBadData,
+                          '"' + name + "\" cannot name a folder, expected no \"/\" and no leading \".\"");
+    }
+    return user + '@' + device;
+}
+
+void enrollIdentity(const Site& site, Authority& authority, const std::string& user,
+                    const std::string& device, const std::string& folder) {
+    createNewFolder(folder);
+    std::string error;
+    if (!authority.issueWorkstation(user, device, folder + "/workstation.crt", folder + "/workstation.key",
+                                    error)) {
+        std::error_code ignored;
+        std::filesystem::remove(folder, ignored);  // when nothing was written, nothing is left behind
+        throw Failure(exitBadData, error);
+    }
+    writeNewFile(folder + "/authority.crt", readTextFile(site.authorityCertificate()));
+    DaemonConfig server;
+    readConfig(site.configuration(), server);
+    WorkstationConfig config;
+    config.addresses = site.addresses();
+    config.audit = server.audit;
+    config.interaction = server.interaction;
+    writeNewFile(folder + "/qel-audit.toml", printConfig(config, true));
+}
+
+}  // namespace qel::programs

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "qelNet/Authority.h"
+
+namespace qel::programs {
+
+/// Where the authority's key lies and what it is encrypted with, as given on the command line.
+struct AuthorityKey {
+    std::string file;            // empty: authority.key in the site's folder
+    std::string passphraseFile;  // empty: not encrypted
+};
+
+/// The folder that `init` makes: the authority, the site key, one server's identity and its configuration.
+/// Used by one thread; every operation throws Failure.
+class Site {
+  public:
+    explicit Site(std::string folder) : folder_(std::move(folder)) {}
+
+    const std::string& folder() const { return folder_; }
+    std::string authorityCertificate() const { return folder_ + "/authority.crt"; }
+    std::string siteKey() const { return folder_ + "/site.key"; }
+    std::string configuration() const { return folder_ + "/qel-auditd.toml"; }
+
+    /// A new site with a server of that name or address. The folder must be new or empty.
+    void create(const std::string& host, const AuthorityKey& key) const;
+    /// One more server of the site in `first`, with the same authority and site key.
+    void join(const Site& first, const std::string& host, const AuthorityKey& key) const;
+
+    std::unique_ptr<Authority> loadAuthority(const AuthorityKey& key) const;
+    /// "HOST:PORT" of this server and of those that joined it, in that order.
+    std::vector<std::string> addresses() const;
+
+  private:
+    void writeConfiguration(const std::string& host) const;
+    std::string keyFile(const AuthorityKey& key) const;
+    void issueServer(Authority& authority, const std::string& host) const;
+
+    std::string folder_;
+};
+
+/// Makes one identity: `folder` gets certificate, key, the authority's certificate and qel-audit.toml.
+void enrollIdentity(const Site& site, Authority& authority, const std::string& user,
+                    const std::string& device, const std::string& folder);
+
+/// "U@D" as the name of a folder; throws Failure(65) when the names cannot be one.
+std::string identityFolder(const std::string& user, const std::string& device);
+
+}  // namespace qel::programs

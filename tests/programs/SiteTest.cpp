@@ -1,0 +1,145 @@
+#include "common/Site.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "common/ConfigFile.h"
+#include "common/SecretFile.h"
+#include "support/Program.h"
+#include "support/TemporaryFolder.h"
+
+namespace qel::programs {
+namespace {
+
+test::ProgramResult audit(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), QEL_PROGRAMS_DIR "/qel-audit");
+    return test::run(arguments);
+}
+
+/// What openssl says about a certificate's chain to the authority.
+int verifies(const std::string& authority, const std::string& certificate) {
+    return test::run({"/usr/bin/openssl", "verify", "-CAfile", authority, certificate}).code;
+}
+
+class SiteTest : public testing::Test {
+  protected:
+    test::ProgramResult init(const std::string& name, std::vector<std::string> more = {}) {
+        std::vector<std::string> arguments{"init", folder_ / name, "--server", "localhost"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return audit(arguments);
+    }
+    test::TemporaryFolder folder_;
+};
+
+TEST_F(SiteTest, InitMakesAnAuthorityASiteKeyAServerAndItsConfiguration) {
+    ASSERT_EQ(init("site").code, 0);
+    const std::string site = folder_ / "site";
+    EXPECT_EQ(verifies(site + "/authority.crt", site + "/server.crt"), 0);
+    for (const char* secret : {"/authority.key", "/server.key", "/site.key"})
+        EXPECT_EQ(secretFileFault(site + secret), "") << secret;
+    DaemonConfig config;
+    readConfig(site + "/qel-auditd.toml", config);
+    EXPECT_EQ(config.name, "localhost");
+    EXPECT_EQ(config.resolve(config.tls.certificate), site + "/server.crt");
+    const std::string text = test::TemporaryFolder::read(site + "/qel-auditd.toml");
+    EXPECT_NE(text.find("\nauditors = []\n"), std::string::npos);
+    EXPECT_LT(text.find("\nlisten = \"0.0.0.0:7443\"\n"), text.find("[metrics]"));
+}
+
+TEST_F(SiteTest, FolderWithSomethingInItIsRefusedAndLeftAlone) {
+    std::filesystem::create_directory(folder_ / "site");
+    folder_.write("site/mine", "x");
+    const test::ProgramResult result = init("site");
+    EXPECT_EQ(result.code, 73);
+    EXPECT_NE(result.err.find("is not empty"), std::string::npos) << result.err;
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_ / "site"), {}), 1);
+}
+
+TEST_F(SiteTest, EnrolledIdentityIsReadyToUse) {
+    ASSERT_EQ(init("site").code, 0);
+    const test::ProgramResult result =
+        audit({"enroll", folder_ / "site", "--user", "j\u00fcrgen", "--device", "ws 1"});
+    ASSERT_EQ(result.code, 0) << result.err;
+    const std::string identity = folder_ / "site/j\u00fcrgen@ws 1";
+    EXPECT_EQ(verifies(folder_ / "site/authority.crt", identity + "/workstation.crt"), 0);
+    EXPECT_EQ(secretFileFault(identity + "/workstation.key"), "");
+    WorkstationConfig config;
+    readConfig(identity + "/qel-audit.toml", config);
+    EXPECT_EQ(config.addresses, std::vector<std::string>{"localhost:7443"});
+    EXPECT_EQ(config.resolve(config.tls.authority), identity + "/authority.crt");
+}
+
+TEST_F(SiteTest, ListEnrollsManyEachIntoItsOwnFolder) {
+    ASSERT_EQ(init("site").code, 0);
+    const std::string list = folder_.write("list", "anna;ws-01\r\n\npaul;ws-02\n");
+    const test::ProgramResult result =
+        audit({"enroll", folder_ / "site", "--list", list, "--out", folder_ / "all", "--json"});
+    EXPECT_EQ(result.out, "{\"enrolled\":2}\n");
+    EXPECT_TRUE(std::filesystem::exists(folder_ / "all/anna@ws-01/qel-audit.toml"));
+    EXPECT_TRUE(std::filesystem::exists(folder_ / "all/paul@ws-02/qel-audit.toml"));
+}
+
+TEST_F(SiteTest, BadLineOfAListIsNamedAndNothingIsMade) {
+    ASSERT_EQ(init("site").code, 0);
+    for (const char* wrong : {"anna", "anna;ws;3", "anna;", ";ws", "../x;ws", "a/b;ws", "good;ws-01"}) {
+        const std::string list = folder_.write("list", std::string("good;ws-01\n") + wrong + "\n");
+        const test::ProgramResult result =
+            audit({"enroll", folder_ / "site", "--list", list, "--out", folder_ / "all"});
+        EXPECT_EQ(result.code, 65) << wrong;
+        EXPECT_NE(result.err.find(list + ":2: "), std::string::npos) << result.err;
+        EXPECT_FALSE(std::filesystem::exists(folder_ / "all")) << wrong;
+    }
+}
+
+TEST_F(SiteTest, SecondServerSharesAuthorityAndSiteKey) {
+    ASSERT_EQ(init("one").code, 0);
+    const test::ProgramResult result =
+        audit({"init", folder_ / "two", "--server", "second.example", "--join", folder_ / "one"});
+    ASSERT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(test::TemporaryFolder::read(folder_ / "one/site.key"),
+              test::TemporaryFolder::read(folder_ / "two/site.key"));
+    EXPECT_EQ(verifies(folder_ / "one/authority.crt", folder_ / "two/server.crt"), 0);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "two/authority.key"));
+    ASSERT_EQ(audit({"enroll", folder_ / "one", "--user", "anna", "--device", "ws"}).code, 0);
+    WorkstationConfig config;
+    readConfig(folder_ / "one/anna@ws/qel-audit.toml", config);
+    EXPECT_EQ(config.addresses, (std::vector<std::string>{"localhost:7443", "second.example:7443"}));
+}
+
+TEST_F(SiteTest, AuthorityKeyMayLiveElsewhereAndBeEncrypted) {
+    const std::string passphrase = folder_.write("passphrase", "correct horse\n");
+    ::chmod(passphrase.c_str(), 0600);
+    const std::vector<std::string> key{"--authority-key", folder_ / "usb.key", "--passphrase-file",
+                                       passphrase};
+    ASSERT_EQ(init("site", key).code, 0);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "site/authority.key"));
+    EXPECT_NE(test::TemporaryFolder::read(folder_ / "usb.key").find("ENCRYPTED"), std::string::npos);
+
+    EXPECT_EQ(audit({"enroll", folder_ / "site", "--user", "a", "--device", "b"}).code, 66);
+    EXPECT_EQ(audit({"enroll", folder_ / "site", "--user", "a", "--device", "b", "--authority-key",
+                     folder_ / "usb.key"})
+                  .code,
+              78);
+    EXPECT_EQ(audit({"enroll", folder_ / "site", "--user", "a", "--device", "b", "--authority-key",
+                     folder_ / "usb.key", "--passphrase-file", passphrase})
+                  .code,
+              0);
+    EXPECT_EQ(init("other", key).code, 73) << "an authority's key must never be replaced";
+}
+
+TEST_F(SiteTest, EnrollWithoutASiteSaysSo) {
+    const test::ProgramResult result = audit({"enroll", folder_.path(), "--user", "a", "--device", "b"});
+    EXPECT_EQ(result.code, 66);
+    EXPECT_NE(result.err.find("qel-audit init"), std::string::npos) << result.err;
+}
+
+TEST_F(SiteTest, EnrollNeedsAUserAndADeviceOrAList) {
+    EXPECT_EQ(audit({"enroll", folder_.path()}).code, 64);
+    EXPECT_EQ(audit({"enroll", folder_.path(), "--user", "a"}).code, 64);
+    EXPECT_EQ(audit({"enroll", folder_.path(), "--user", "a", "--device", "b", "--list", "l"}).code, 64);
+}
+
+}  // namespace
+}  // namespace qel::programs
