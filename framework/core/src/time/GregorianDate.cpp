@@ -34,7 +34,12 @@ std::int64_t secondsOf(const GregorianDate& date) {
     return std::clamp(seconds, -largestSeconds, largestSeconds);
 }
 
-UTCDateTime joined(std::int64_t seconds, int microsecond) {
+UTCDateTime joined(std::int64_t seconds, std::int64_t microsecond) {
+    // Both parts point away from zero, so that a time near the beginning does not overflow on the way.
+    if (seconds < 0) {
+        ++seconds;
+        microsecond -= microseconds;
+    }
     std::int64_t time = 0;
     if (__builtin_mul_overflow(seconds, microseconds, &time) ||
         __builtin_add_overflow(time, microsecond, &time))
