@@ -11,4 +11,9 @@ const std::vector<Command>& auditCommands() {
     return commands;
 }
 
+int runAudit(const std::vector<std::string>& arguments) {
+    return dispatch("qel-audit", "Record, forward, export and report audit events", auditCommands(),
+                    arguments);
+}
+
 }  // namespace qel::programs

@@ -1,9 +1,15 @@
 #pragma once
 
-#include "audit/CommandLine.h"
+#include "common/CommandLine.h"
 #include "common/ExitCode.h"
 
 namespace qel::programs {
+
+/// The table of qel-audit.
+const std::vector<Command>& auditCommands();
+
+/// qel-audit whole: what main calls.
+int runAudit(const std::vector<std::string>& arguments);
 
 // One function per row of the table of commands, one file each. Every function declares its options, parses them,
 // works, and returns the exit code; a Failure thrown on the way ends it.

@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "audit/CommandLine.h"
+#include "audit/Commands.h"
 #include "support/Program.h"
 #include "support/TemporaryFolder.h"
 

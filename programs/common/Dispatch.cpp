@@ -2,9 +2,9 @@
 #include <exception>
 #include <new>
 
-#include "audit/CommandLine.h"
-#include "audit/HelpText.h"
+#include "common/CommandLine.h"
 #include "common/Failure.h"
+#include "common/HelpText.h"
 #include "common/Nearest.h"
 
 namespace qel::programs {
@@ -67,11 +67,6 @@ int dispatch(const std::string& program, const std::string& summary, const std::
     CommandLine line(program + ' ' + command->name, command->summary,
                      {arguments.begin() + 1, arguments.end()});
     return runGuarded(*command, line);
-}
-
-int runAudit(const std::vector<std::string>& arguments) {
-    return dispatch("qel-audit", "Record, forward, export and report audit events", auditCommands(),
-                    arguments);
 }
 
 }  // namespace qel::programs

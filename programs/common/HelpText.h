@@ -20,6 +20,7 @@ struct HelpPage {
     };
 
     std::string name;     // "qel-audit record"
+    int section = 1;      // of the manual
     std::string summary;  // one line, without full stop
     std::vector<std::string> paragraphs;
     std::vector<Entry> positions;
@@ -35,7 +36,7 @@ std::string renderHelp(const HelpPage& page);
 std::string renderMan(const HelpPage& page);
 
 /// "qel-audit 1.0.0".
-std::string versionLine();
+std::string versionLine(const HelpPage& page);
 
 /// The sentence about arguments that no option takes: "--fron is not an option here, perhaps --from".
 std::string explainExtras(const HelpPage& page, const std::vector<std::string>& extras);

@@ -1,10 +1,10 @@
-#include "audit/CommandLine.h"
+#include "common/CommandLine.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
-#include "audit/HelpText.h"
 #include "common/Failure.h"
+#include "common/HelpText.h"
 #include "common/Nearest.h"
 
 namespace qel::programs {
@@ -12,7 +12,9 @@ namespace qel::programs {
 class CommandLine::Impl {
   public:
     Impl(std::string name, std::string summary, std::vector<std::string> arguments)
-        : page{std::move(name), std::move(summary), {}, {}, {}, {}, {}}, args(std::move(arguments)) {
+        : args(std::move(arguments)) {
+        page.name = std::move(name);
+        page.summary = std::move(summary);
         app.set_help_flag();
         app.add_flag("--help,-h", help);
         app.add_flag("--version", version);
@@ -52,6 +54,10 @@ const std::string& CommandLine::name() const {
 
 const std::vector<std::string>& CommandLine::arguments() const {
     return impl_->args;
+}
+
+void CommandLine::manualSection(int section) {
+    impl_->page.section = section;
 }
 
 void CommandLine::describe(const std::string& paragraph) {
@@ -188,7 +194,7 @@ std::optional<int> CommandLine::parse() {
             return exitDone;
         }
         if (argument == "--version") {
-            std::puts(versionLine().c_str());
+            std::puts(versionLine(impl_->page).c_str());
             return exitDone;
         }
     }

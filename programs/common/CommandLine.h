@@ -24,6 +24,8 @@ class CommandLine {
     const std::string& name() const;
     const std::vector<std::string>& arguments() const;
 
+    /// Section of the manual that the page belongs to: 1 for commands, 8 for daemons.
+    void manualSection(int section);
     /// A paragraph of the help and the man page below the summary.
     void describe(const std::string& paragraph);
     /// A line that can be typed as it stands.
@@ -77,11 +79,5 @@ struct Command {
 /// its code.
 int dispatch(const std::string& program, const std::string& summary, const std::vector<Command>& commands,
              const std::vector<std::string>& arguments);
-
-/// The table of qel-audit.
-const std::vector<Command>& auditCommands();
-
-/// qel-audit whole: what main calls.
-int runAudit(const std::vector<std::string>& arguments);
 
 }  // namespace qel::programs

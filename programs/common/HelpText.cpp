@@ -1,4 +1,4 @@
-#include "audit/HelpText.h"
+#include "common/HelpText.h"
 
 #include <algorithm>
 
@@ -188,7 +188,8 @@ std::string renderHelp(const HelpPage& page) {
 
 std::string renderMan(const HelpPage& page) {
     std::string out = ".\\\" Written by '" + page.name + " --man'.\n";
-    out += ".TH " + upper(dashed(page.name)) + " 1 \"\" \"" + versionLine() + "\" \"Auditing\"\n";
+    out += ".TH " + upper(dashed(page.name)) + ' ' + std::to_string(page.section) + " \"\" \"" +
+           versionLine(page) + "\" \"Auditing\"\n";
     out += ".SH NAME\n" + roff(dashed(page.name)) + " \\- " + roff(page.summary) + '\n';
     out += ".SH SYNOPSIS\n" + roff(synopsis(page)) + '\n';
     out += ".SH DESCRIPTION\n" + roff(sentence(page.summary)) + '\n';
@@ -221,8 +222,8 @@ std::string renderMan(const HelpPage& page) {
     return out;
 }
 
-std::string versionLine() {
-    return "qel-audit " QEL_VERSION;
+std::string versionLine(const HelpPage& page) {
+    return page.name.substr(0, page.name.find(' ')) + " " QEL_VERSION;
 }
 
 std::string explainExtras(const HelpPage& page, const std::vector<std::string>& extras) {
