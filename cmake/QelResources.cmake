@@ -5,7 +5,8 @@
 #                               std::span<const File> SYMBOL(); }
 function(qel_embed target symbol)
   set(dir ${CMAKE_CURRENT_BINARY_DIR}/embedded_${symbol})
-  set(asm "    .section .rodata\n")
+  # With control-flow protection on, one object without its note would switch it off for the whole library.
+  set(asm "#ifdef __CET__\n#include <cet.h>\n#endif\n    .section .rodata\n")
   set(decls "")
   set(rows "")
   set(files "")

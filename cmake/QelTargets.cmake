@@ -17,8 +17,13 @@ function(qel_library name)
 
   add_library(${name} SHARED $<TARGET_OBJECTS:${name}_objects>)
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} LINKER_LANGUAGE CXX)
-  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${ARG_INCLUDE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${ARG_INCLUDE_DIR}>)
   target_link_libraries(${name} PRIVATE ${ARG_PRIVATE} Threads::Threads)
+
+  if(NOT QEL_SANITIZE)
+    target_link_options(${name} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+    set_target_properties(${name} PROPERTIES LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  endif()
 
   add_library(${name}_static STATIC $<TARGET_OBJECTS:${name}_objects>)
   set_target_properties(${name}_static PROPERTIES LINKER_LANGUAGE CXX)
