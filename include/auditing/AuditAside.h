@@ -1,9 +1,10 @@
 #pragma once
 
-#include <cstddef>
 #include <functional>
+#include <string>
 
 #include "auditing/Export.h"
+#include "qelCore/ConstByteSpan.h"
 #include "qelCore/Item.h"
 
 namespace qel {
@@ -19,7 +20,7 @@ enum class AsideReason {
 struct AsideEntry {
     long long keptAt = 0;  ///< microseconds since 1970-01-01T00:00:00Z
     Item key;              ///< the whole key it had in its log
-    Item value;            ///< the raw bytes it had there, as they were; they need not decode
+    std::string value;     ///< the raw bytes it had there, as they were; they need not decode
 };
 
 /// What the library could neither deliver nor leave where it was, so that no evidence disappears in silence.
@@ -34,8 +35,7 @@ class QELAUDITING_EXPORT AuditAside {
 
     /// Keeps a copy of what stands under `key`, an entry of `log`, with its raw value. False when the limit
     /// is reached. As durable as any other write of this thread.
-    static bool keep(AsideReason reason, const Item& log, const Item& key, const unsigned char* value,
-                     std::size_t size);
+    static bool keep(AsideReason reason, const Item& log, const Item& key, ConstByteSpan value);
 
     /// How many entries are kept for `log`; costs one look-up, not a walk.
     static long long count(AsideReason reason, const Item& log);

@@ -1,12 +1,13 @@
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstddef>
 #include <set>
+#include <string>
 
 #include "auditing/AuditSequence.h"
 #include "auditing/Export.h"
+#include "qelCore/Object.h"
 #include "qelNet/Client.h"
 
 namespace qel {
@@ -14,7 +15,7 @@ namespace qel {
 /// The client end of the audit transport, bound to one peer, the audit service. It may carry several queries,
 /// one per queue. Used on the thread that delivers its peer's packets.
 class QELAUDITING_EXPORT AuditClient : public Client {
-  public:
+    QEL_CLASS(AuditClient, Client)
     class AuditQuery;
 
     /// `peer` is not owned and must outlive the client; `name` is the service to ask for.
@@ -24,15 +25,7 @@ class QELAUDITING_EXPORT AuditClient : public Client {
     AuditClient& operator=(const AuditClient& other);
     AuditClient& operator=(AuditClient&& other) noexcept;
 
-    const char* getDynamicClassName() const override;
-    std::array<const char*, 16> getDynamicClassChain() const override;
     ~AuditClient() override;
-
-    static const char* getStaticClassName();
-    static std::array<const char*, 16> getStaticClassChain();
-
-  protected:
-    static int fillClassChain(std::array<const char*, 16>& chain, int index);
 };
 
 /// What one query has done since it was constructed; read it on the query's thread.
@@ -52,7 +45,7 @@ struct AuditQueryStatistics {
 /// processEvents and packetReceived must not run at the same time: call processEvents on the thread that
 /// delivers the client's packets (post it there).
 class QELAUDITING_EXPORT AuditClient::AuditQuery : public Client::Query {
-  public:
+    QEL_CLASS(AuditQuery, Client::Query)
     /// How many events may be unacknowledged at a time.
     static constexpr std::size_t window = 64;
 
@@ -61,8 +54,6 @@ class QELAUDITING_EXPORT AuditClient::AuditQuery : public Client::Query {
     AuditQuery(const AuditQuery&) = delete;
     AuditQuery& operator=(const AuditQuery&) = delete;
 
-    const char* getDynamicClassName() const override;
-    std::array<const char*, 16> getDynamicClassChain() const override;
     /// The queue stays as it is.
     ~AuditQuery() override;
 
@@ -83,20 +74,20 @@ class QELAUDITING_EXPORT AuditClient::AuditQuery : public Client::Query {
 
     const AuditQueryStatistics& getStatistics() const { return statistics_; }
 
-    static const char* getStaticClassName();
-    static std::array<const char*, 16> getStaticClassChain();
-
-  protected:
-    static int fillClassChain(std::array<const char*, 16>& chain, int index);
-
   private:
     bool connectionTakesPackets() const;
     bool processEntry(Item& position);
-    void send(long long time, const Item& event);
+    bool readEvent(Item& position, Item& event);
+    bool send(Item& position, long long time, const Item& event);
+    void removeDamaged(Item& position, const char* message);
+    bool reportOnce(const Item& position);
+    bool isTooLarge(const Item& event) const;
+    void park(Item& position, const Item& event);
     void acknowledged(long long time);
 
     AuditSequence& sequence_;
     std::set<long long> inFlight_;
+    std::set<std::string> reported_;
     std::chrono::steady_clock::time_point lastProgress_;
     AuditQueryStatistics statistics_;
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "auditing/Export.h"
 #include "qelCore/Item.h"
 
@@ -30,6 +32,16 @@ class QELAUDITING_EXPORT AuditExport {
     /// Offers "download_audit_report" and "get_audit_log" in the group "Auditing". The handlers hold copies
     /// of the two paths; they run on the threads that `provider` uses for calls.
     static void registerRpcCalls(RpcProvider* provider, const Item& auditTrail, const Item& interactionLog);
+
+    /// The header line of an exported file, without line end.
+    static const char* csvHeader();
+
+    /// Appends to `text` the line that exportCSV writes, line end included, for a line as getLines returns it: for
+    /// clients that fetched lines and want text.
+    static void appendCsvLine(std::string& text, const Item& line);
+
+    /// How many entries exportCSV writes for that range, by walking it.
+    static unsigned long long countLines(const Item& log, long long startTime, long long endTime);
 
     static const char* getStaticClassName();
 };

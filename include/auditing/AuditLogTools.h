@@ -33,10 +33,6 @@ class QELAUDITING_EXPORT AuditLogTools {
     /// Counts by walking the whole log.
     static LogSummary summarize(const Item& log, LogShape shape, const Progress& progress = {});
 
-    /// Counts events of a central log with `startTime` <= time <= `endTime`.
-    static unsigned long long countCentral(const Item& log, long long startTime, long long endTime,
-                                           const Progress& progress = {});
-
     /// The time of the first or last event by one look-up; false when there is none.
     static bool oldest(const Item& log, LogShape shape, long long& time);
     static bool newest(const Item& log, LogShape shape, long long& time);
@@ -63,13 +59,6 @@ class QELAUDITING_EXPORT AuditLogTools {
 
     /// [user, device], or [the checksum in decimal, "***"] when `anonymous`.
     static Item origin(const char* user, const char* device, unsigned originChecksum, bool anonymous);
-
-    /// The header line of an exported file, without line end.
-    static const char* csvHeader();
-
-    /// Appends one line as exportCSV writes it, without line end, for a line as AuditExport::getLines returns
-    /// it.
-    static void appendCsvLine(std::string& text, const Item& line);
 };
 
 }  // namespace qel

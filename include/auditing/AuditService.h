@@ -1,12 +1,12 @@
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
 
 #include "auditing/Export.h"
 #include "qelCore/Item.h"
+#include "qelCore/Object.h"
 #include "qelNet/Service.h"
 
 namespace qel {
@@ -30,7 +30,7 @@ struct AuditServiceStatistics {
 /// the same key, so a retransmission leaves one record. Other content found under such a key is kept aside
 /// first (AuditAside).
 class QELAUDITING_EXPORT AuditService : public Service {
-  public:
+    QEL_CLASS(AuditService, Service)
     /// Called after each stored event, before it is durable, on the network thread of its connection; must
     /// not block. `origin` is [user, device], or [pseudonym, "***"] when the service is anonymous.
     using Listener = std::function<void(const Item& origin, long long time)>;
@@ -45,8 +45,6 @@ class QELAUDITING_EXPORT AuditService : public Service {
     AuditService& operator=(const AuditService& other);
     AuditService& operator=(AuditService&& other) noexcept;
 
-    const char* getDynamicClassName() const override;
-    std::array<const char*, 16> getDynamicClassChain() const override;
     ~AuditService() override;
 
     const Item& getPath() const { return path_; }
@@ -59,12 +57,6 @@ class QELAUDITING_EXPORT AuditService : public Service {
     const Listener& getListener() const { return listener_; }
 
     AuditServiceStatistics& getStatistics() const { return *statistics_; }
-
-    static const char* getStaticClassName();
-    static std::array<const char*, 16> getStaticClassChain();
-
-  protected:
-    static int fillClassChain(std::array<const char*, 16>& chain, int index);
 
   private:
     Item path_;

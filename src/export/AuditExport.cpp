@@ -1,0 +1,89 @@
+#include "auditing/AuditExport.h"
+
+#include <fstream>
+#include <string>
+
+#include "export/CsvLine.h"
+#include "export/LogRange.h"
+#include "qelCore/logging/MessageStream.h"
+#include "store/AuditRecord.h"
+
+namespace qel {
+
+namespace {
+
+/// Each line goes out whole and at once, so that whoever reads along, or finds the file after a crash, sees lines.
+void put(std::ofstream& out, std::string_view line) {
+    out.write(line.data(), static_cast<std::streamsize>(line.size()));
+    out.flush();
+}
+
+}  // namespace
+
+void AuditExport::exportCSV(const char* path, const Item& log, long long startTime, long long endTime) {
+    logging::MessageStream(1, 2) << "Starting export to " << path;
+    std::ofstream out(path, std::ios_base::out | std::ios_base::trunc);
+    put(out, std::string(CsvLine::header) + '\n');
+    LogRange range = LogRange::including(log, startTime, endTime);
+    CsvLine line;
+    while (range.next()) {
+        long long time = 0;
+        long long origin = 0;
+        record::readCentralKey(range.position(), time, origin);
+        line.begin(time);
+        // Read where it lies: the bytes stay until the next step of the walk.
+        line.addFields(Item::Iterator(range.position().fetch()));
+        line.end();
+        put(out, line.text());
+    }
+    out.close();
+}
+
+Item AuditExport::getLines(const Item& log, long long startTimeInclusive, long long endTimeExclusive) {
+    Item lines;
+    if (log.isEmpty())
+        return lines;
+    LogRange range = LogRange::excluding(log, startTimeInclusive, endTimeExclusive);
+    Item value;
+    while (range.next()) {
+        const ConstByteSpan stored = range.position().fetch();
+        if (stored.isNull())
+            continue;
+        value.setPlain(stored.data(), stored.size());
+        Item line = range.position().trail();
+        line.concatItem(value);
+        lines.addItem(line);
+    }
+    return lines;
+}
+
+const char* AuditExport::csvHeader() {
+    return CsvLine::header.data();
+}
+
+void AuditExport::appendCsvLine(std::string& text, const Item& line) {
+    Item key;
+    long long time = 0;
+    Item::Iterator elements(line);
+    if (elements.decodeElementAsItem(key))
+        key.decodeElementAsInteger(time);
+    CsvLine made;
+    made.begin(time);
+    made.addFields(elements);
+    made.end();
+    text += made.text();
+}
+
+unsigned long long AuditExport::countLines(const Item& log, long long startTime, long long endTime) {
+    LogRange range = LogRange::including(log, startTime, endTime);
+    unsigned long long count = 0;
+    while (range.next())
+        ++count;
+    return count;
+}
+
+const char* AuditExport::getStaticClassName() {
+    return "AuditExport";
+}
+
+}  // namespace qel

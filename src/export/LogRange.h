@@ -1,0 +1,30 @@
+#pragma once
+
+#include "qelCore/Item.h"
+
+namespace qel {
+
+/// Walks the entries of a central log whose times lie in a range, in key order: the one home of both its ends. Bounds
+/// at the ends of the 64-bit range saturate. An empty log has no entries. One thread per object.
+class LogRange {
+  public:
+    /// From `startTime` (included) to `endTime` (included).
+    static LogRange including(const Item& log, long long startTime, long long endTime);
+    /// From `startTime` (included) to `endTime` (not included).
+    static LogRange excluding(const Item& log, long long startTime, long long endTime);
+
+    /// Moves to the first or next entry; false behind the last.
+    bool next();
+
+    /// Where the walk stands: the key of the entry.
+    Item& position() { return position_; }
+
+  private:
+    LogRange(const Item& log, long long startTime, Item stop);
+
+    Item position_;
+    Item stop_;
+    bool empty_;
+};
+
+}  // namespace qel

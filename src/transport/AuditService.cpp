@@ -1,0 +1,46 @@
+#include "auditing/AuditService.h"
+
+#include <utility>
+
+#include "auditing/AuditProtocol.h"
+#include "transport/AuditSession.h"
+
+namespace qel {
+
+AuditService::AuditService(const Item& path, const char* name, bool anonymous)
+    : Service(name),
+      path_(path),
+      anonymous_(anonymous),
+      statistics_(std::make_shared<AuditServiceStatistics>()) {
+    auto* factory = new SessionFactory<AuditSession>();
+    factory->increaseReferenceCount();
+    registerSessionFactory(AuditProtocol::AuditSession::sessionType, factory);
+    factory->decreaseReferenceCount();
+}
+
+AuditService::AuditService(const AuditService& other) = default;
+
+// The statistics stay with both: sessions of the older object may still count there.
+AuditService::AuditService(AuditService&& other) noexcept
+    : Service(std::move(other)),
+      path_(std::move(other.path_)),
+      anonymous_(other.anonymous_),
+      listener_(std::move(other.listener_)),
+      statistics_(other.statistics_) {}
+
+AuditService& AuditService::operator=(const AuditService& other) = default;
+
+AuditService& AuditService::operator=(AuditService&& other) noexcept {
+    if (this == &other)
+        return *this;
+    Service::operator=(std::move(other));
+    path_ = std::move(other.path_);
+    anonymous_ = other.anonymous_;
+    listener_ = std::move(other.listener_);
+    statistics_ = other.statistics_;
+    return *this;
+}
+
+AuditService::~AuditService() = default;
+
+}  // namespace qel

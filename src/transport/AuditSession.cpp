@@ -1,0 +1,77 @@
+#include "transport/AuditSession.h"
+
+#include <string>
+
+#include "auditing/AuditAside.h"
+#include "auditing/AuditProtocol.h"
+#include "auditing/AuditService.h"
+#include "qelCore/Packet.h"
+#include "qelCore/Ref.h"
+#include "qelCore/logging/MessageStream.h"
+#include "qelNet/Peer.h"
+#include "store/AuditRecord.h"
+
+namespace qel {
+
+AuditSession::AuditSession() = default;
+AuditSession::~AuditSession() = default;
+
+AuditService& AuditSession::auditService() const {
+    return *static_cast<AuditService*>(getService());
+}
+
+void AuditSession::peerAttached() {
+    const Peer& peer = *getPeer();
+    originChecksum_ = record::originChecksum(peer.getUserBlock().data(), peer.getDeviceBlock().data());
+    origin_ = record::origin(peer.getUserName().c_str(), peer.getDeviceName().c_str(), originChecksum_,
+                             auditService().isAnonymous());
+}
+
+bool AuditSession::packetReceived(Packet* packet) {
+    if (packet->getType() != AuditProtocol::AuditSession::auditDataType)
+        return false;
+    if (!packet->fit(AuditProtocol::AuditSession::AuditData)) {
+        auditService().getStatistics().malformed.fetch_add(1, std::memory_order_relaxed);
+        return true;
+    }
+    const long long time = packet->singleGet<long long>("time");
+    store(time, packet->getItem("event"));
+    acknowledge(time);
+    return true;
+}
+
+void AuditSession::store(long long time, const Item& event) {
+    AuditService& service = auditService();
+    const Item key = record::centralKey(service.getPath(), time, originChecksum_);
+    const Item value = record::centralValue(origin_, event);
+    noteWhatStoodThere(key, value);
+    key.store(value);
+    service.getStatistics().stored.fetch_add(1, std::memory_order_relaxed);
+    if (service.getListener())
+        service.getListener()(origin_, time);
+}
+
+/// A record under the same key is usually the same event, sent again because its acknowledgement was lost. Any other
+/// content is evidence of a fault (a restored queue, a doubled identity) and must not vanish under the newer one.
+void AuditSession::noteWhatStoodThere(const Item& key, const Item& record) {
+    const ConstByteSpan older = key.fetch();
+    if (older.isNull())
+        return;
+    AuditServiceStatistics& statistics = auditService().getStatistics();
+    statistics.retransmitted.fetch_add(1, std::memory_order_relaxed);
+    if (older.view() == record.bytes().view())
+        return;
+    statistics.overwritten.fetch_add(1, std::memory_order_relaxed);
+    const std::string kept(older.view());
+    AuditAside::keep(AsideReason::overwritten, auditService().getPath(), key, ConstByteSpan(kept));
+    logging::MessageStream(2, 2) << "record overwritten with other content, the older one is kept aside: "
+                                 << key.asString();
+}
+
+void AuditSession::acknowledge(long long time) {
+    const auto packet = Ref<Packet>::adopt(new Packet(AuditProtocol::AuditSession::AuditDataAck, -1));
+    packet->singleSet<long long>("time", time);
+    sendPacket(packet.get());
+}
+
+}  // namespace qel
