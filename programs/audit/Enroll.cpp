@@ -56,6 +56,7 @@ int runEnroll(CommandLine& line) {
     std::string device;
     std::string list;
     std::string out;
+    std::string state;
     AuthorityKey key;
     line.describe(
         "Makes the identity of a user at a device: certificate, key, the authority's certificate and "
@@ -67,6 +68,8 @@ int runEnroll(CommandLine& line) {
     line.text("--list", "FILE", list, "enroll one user;device per line");
     line.text("--out", "DIR2", out,
               "folder of the identity (default DIR/U@D), with --list the folder above them all");
+    line.text("--state", "DIR3", state,
+              "folder that will hold the queue on the workstation (default the identity's own)");
     line.text("--authority-key", "FILE", key.file,
               "where the authority's key lives, instead of DIR/authority.key");
     line.text("--passphrase-file", "FILE", key.passphraseFile,
@@ -77,6 +80,9 @@ int runEnroll(CommandLine& line) {
         return *code;
     if (!list.empty() && (!user.empty() || !device.empty()))
         return line.usageError("--list does not go together with --user and --device");
+    if (!state.empty() && state.front() != '/')
+        return line.usageError("--state " + state +
+                               ": expected an absolute path, as the workstation will see it");
     if (list.empty() && (user.empty() || device.empty()))
         return line.usageError("--user and --device, or --list, are required");
 
@@ -93,7 +99,7 @@ int runEnroll(CommandLine& line) {
     Progress progress("enrolling", candidates.size(), line.quiet());
     std::uint64_t done = 0;
     for (const Candidate& candidate : candidates) {
-        enrollIdentity(site, *authority, candidate.user, candidate.device, candidate.folder);
+        enrollIdentity(site, *authority, candidate.user, candidate.device, candidate.folder, state);
         progress.update(++done);
     }
     output.message(done == 1 ? "the identity lies in " + candidates.front().folder

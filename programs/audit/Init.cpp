@@ -9,6 +9,7 @@ int runInit(CommandLine& line) {
     std::string folder;
     std::string server;
     std::string join;
+    std::string state;
     AuthorityKey key;
     line.describe(
         "Makes the folder of a site: its authority, the site key, the identity of a server and "
@@ -21,11 +22,14 @@ int runInit(CommandLine& line) {
     line.position("DIR", folder, "folder of the site");
     line.requiredText("--server", "HOST", server, "name or IP address that workstations reach the server by");
     line.text("--join", "DIR0", join, "make one more server of the site in DIR0, with the same site key");
+    line.text("--state", "DIR1", state,
+              "folder of what the server writes, its store above all (default DIR)");
     line.text("--authority-key", "FILE", key.file,
               "where the authority's key lives, instead of DIR/authority.key");
     line.text("--passphrase-file", "FILE", key.passphraseFile,
               "file with the passphrase of the authority's key");
     line.example("qel-audit init /etc/qel --server audit.hospital.example");
+    line.example("qel-audit init /etc/qel-auditd --server audit.example --state /var/lib/qel");
     if (const auto code = line.parse())
         return *code;
     if (server.empty())
@@ -34,9 +38,9 @@ int runInit(CommandLine& line) {
     Output output(line.name(), line.quiet(), line.json());
     const Site site(folder);
     if (join.empty())
-        site.create(server, key);
+        site.create(server, key, state);
     else
-        site.join(Site(join), server, key);
+        site.join(Site(join), server, key, state);
     output.message("the site lies in " + folder + "; start its server with 'qel-auditd --config " +
                    site.configuration() + "'");
     output.result().add("folder", folder);

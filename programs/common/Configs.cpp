@@ -1,5 +1,6 @@
 #include "common/Configs.h"
 
+#include <cstdlib>
 #include <filesystem>
 
 namespace qel::programs {
@@ -37,6 +38,15 @@ std::string ConfigBase::resolve(const std::string& path) const {
     if (path.empty())
         return path;
     return (std::filesystem::path(folder) / path).lexically_normal().string();
+}
+
+std::string ConfigBase::resolveSecret(const std::string& path) const {
+    const char* directory = std::getenv("CREDENTIALS_DIRECTORY");
+    if (!directory || !*directory || path.empty())
+        return resolve(path);
+    const std::filesystem::path copy = directory / std::filesystem::path(path).filename();
+    std::error_code ignored;
+    return std::filesystem::exists(copy, ignored) ? copy.string() : resolve(path);
 }
 
 std::string ConfigBase::resolveUrl(const std::string& url) const {

@@ -28,6 +28,9 @@ struct ConfigBase {
 
     /// `path` made absolute by the configuration's folder; an empty one stays empty.
     std::string resolve(const std::string& path) const;
+    /// The same for a secret, of which the service manager may have handed this process a copy of the same name below
+    /// $CREDENTIALS_DIRECTORY: then that one, because the original need not be readable.
+    std::string resolveSecret(const std::string& path) const;
     /// The same for the path inside an `lmdb:PATH` store URL; other URLs stay as they are.
     std::string resolveUrl(const std::string& url) const;
 };

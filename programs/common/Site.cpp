@@ -46,7 +46,7 @@ std::string Site::keyFile(const AuthorityKey& key) const {
     return key.file.empty() ? folder_ + "/authority.key" : key.file;
 }
 
-void Site::create(const std::string& host, const AuthorityKey& key) const {
+void Site::create(const std::string& host, const AuthorityKey& key, const std::string& state) const {
     const std::string passphrase = passphraseOf(key);
     if (std::filesystem::exists(keyFile(key)) && !key.file.empty())
         throw Failure(exitCannotCreate, key.file + ": exists, an authority's key is never replaced");
@@ -59,17 +59,18 @@ void Site::create(const std::string& host, const AuthorityKey& key) const {
     if (!SiteKey::create(siteKey(), error))
         throw Failure(exitCannotCreate, error);
     issueServer(*authority, host);
-    writeConfiguration(host);
+    writeConfiguration(host, state);
 }
 
-void Site::join(const Site& first, const std::string& host, const AuthorityKey& key) const {
+void Site::join(const Site& first, const std::string& host, const AuthorityKey& key,
+                const std::string& state) const {
     requireSite(first);
     const std::unique_ptr<Authority> authority = first.loadAuthority(key);
     createNewFolder(folder_);
     writeNewFile(authorityCertificate(), readTextFile(first.authorityCertificate()));
     writeSecretFile(siteKey(), readTextFile(first.siteKey()));
     issueServer(*authority, host);
-    writeConfiguration(host);
+    writeConfiguration(host, state);
     // Workstations that are enrolled from now on know both servers.
     const std::string others = first.folder() + "/servers.txt";
     std::string lines = std::filesystem::exists(others) ? readTextFile(others) : std::string();
@@ -82,8 +83,13 @@ void Site::issueServer(Authority& authority, const std::string& host) const {
         throw Failure(exitCannotCreate, error);
 }
 
-void Site::writeConfiguration(const std::string& host) const {
+void Site::writeConfiguration(const std::string& host, const std::string& state) const {
     DaemonConfig config;
+    if (!state.empty()) {
+        const std::string folder = std::filesystem::absolute(state).lexically_normal().string();
+        config.storeUrl = "lmdb:" + folder + "/store";
+        config.transferDirectory = folder + "/transfer";
+    }
     config.name = host;
     config.listen = std::string(host.find(':') == std::string::npos ? "0.0.0.0" : "[::]") + ':' + usualPort;
     writeNewFile(configuration(), printConfig(config, true));
@@ -134,7 +140,7 @@ std::string identityFolder(const std::string& user, const std::string& device) {
 }
 
 void enrollIdentity(const Site& site, Authority& authority, const std::string& user,
-                    const std::string& device, const std::string& folder) {
+                    const std::string& device, const std::string& folder, const std::string& state) {
     createNewFolder(folder);
     std::string error;
     if (!authority.issueWorkstation(user, device, folder + "/workstation.crt", folder + "/workstation.key",
@@ -147,6 +153,8 @@ void enrollIdentity(const Site& site, Authority& authority, const std::string& u
     DaemonConfig server;
     readConfig(site.configuration(), server);
     WorkstationConfig config;
+    if (!state.empty())
+        config.storeUrl = "lmdb:" + state + "/queue";
     config.addresses = site.addresses();
     config.audit = server.audit;
     config.interaction = server.interaction;

@@ -26,25 +26,28 @@ class Site {
     std::string configuration() const { return folder_ + "/qel-auditd.toml"; }
 
     /// A new site with a server of that name or address. The folder must be new or empty.
-    void create(const std::string& host, const AuthorityKey& key) const;
+    /// `state`: folder of what the server writes, when that is not the site's own; relative to the current one.
+    void create(const std::string& host, const AuthorityKey& key, const std::string& state = {}) const;
     /// One more server of the site in `first`, with the same authority and site key.
-    void join(const Site& first, const std::string& host, const AuthorityKey& key) const;
+    void join(const Site& first, const std::string& host, const AuthorityKey& key,
+              const std::string& state = {}) const;
 
     std::unique_ptr<Authority> loadAuthority(const AuthorityKey& key) const;
     /// "HOST:PORT" of this server and of those that joined it, in that order.
     std::vector<std::string> addresses() const;
 
   private:
-    void writeConfiguration(const std::string& host) const;
+    void writeConfiguration(const std::string& host, const std::string& state) const;
     std::string keyFile(const AuthorityKey& key) const;
     void issueServer(Authority& authority, const std::string& host) const;
 
     std::string folder_;
 };
 
-/// Makes one identity: `folder` gets certificate, key, the authority's certificate and qel-audit.toml.
+/// Makes one identity: `folder` gets certificate, key, the authority's certificate and qel-audit.toml. `state`: folder
+/// of the queue as the workstation will see it, when that is not the identity's own.
 void enrollIdentity(const Site& site, Authority& authority, const std::string& user,
-                    const std::string& device, const std::string& folder);
+                    const std::string& device, const std::string& folder, const std::string& state = {});
 
 /// "U@D" as the name of a folder; throws Failure(65) when the names cannot be one.
 std::string identityFolder(const std::string& user, const std::string& device);

@@ -43,10 +43,10 @@ std::shared_ptr<Credentials> loadCredentials(const ConfigBase& config, const Tls
                                              const std::string& siteKey) {
     CredentialFiles files;
     files.certificate = config.resolve(tls.certificate);
-    files.key = config.resolve(tls.key);
+    files.key = config.resolveSecret(tls.key);
     files.authority = config.resolve(tls.authority);
     files.revoked = config.resolve(tls.revoked);
-    files.siteKey = config.resolve(siteKey);
+    files.siteKey = config.resolveSecret(siteKey);
     std::string error;
     std::shared_ptr<Credentials> credentials = Credentials::load(files, error);
     if (!credentials)

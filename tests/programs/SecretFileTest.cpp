@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include "common/Configs.h"
 #include "common/Failure.h"
 #include "support/TemporaryFolder.h"
 
@@ -39,6 +40,19 @@ TEST_F(SecretFileTest, GroupIsFineInTheCredentialsDirectoryOnly) {
     EXPECT_NE(secretFileFault(withMode(0444)), "");
     ::setenv("CREDENTIALS_DIRECTORY", (folder_ / "deeper").c_str(), 1);
     EXPECT_NE(secretFileFault(withMode(0440)), "");
+    ::unsetenv("CREDENTIALS_DIRECTORY");
+}
+
+TEST_F(SecretFileTest, CopyOfTheServiceManagerStandsInForTheFileOfThatName) {
+    ConfigBase config;
+    config.folder = "/etc/site";
+    folder_.write("server.key", "copy");
+    EXPECT_EQ(config.resolveSecret("server.key"), "/etc/site/server.key");
+    ::setenv("CREDENTIALS_DIRECTORY", folder_.path().c_str(), 1);
+    EXPECT_EQ(config.resolveSecret("server.key"), folder_ / "server.key");
+    EXPECT_EQ(config.resolveSecret("/elsewhere/server.key"), folder_ / "server.key");
+    EXPECT_EQ(config.resolveSecret("site.key"), "/etc/site/site.key");
+    EXPECT_EQ(config.resolveSecret(""), "");
     ::unsetenv("CREDENTIALS_DIRECTORY");
 }
 

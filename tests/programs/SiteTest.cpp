@@ -48,6 +48,25 @@ TEST_F(SiteTest, InitMakesAnAuthorityASiteKeyAServerAndItsConfiguration) {
     EXPECT_LT(text.find("\nlisten = \"0.0.0.0:7443\"\n"), text.find("[metrics]"));
 }
 
+TEST_F(SiteTest, WhatIsWrittenMayLieElsewhereThanTheSiteAndTheIdentity) {
+    ASSERT_EQ(init("site", {"--state", folder_ / "state"}).code, 0);
+    DaemonConfig server;
+    readConfig(folder_ / "site/qel-auditd.toml", server);
+    EXPECT_EQ(server.resolveUrl(server.storeUrl), "lmdb:" + (folder_ / "state/store"));
+    EXPECT_EQ(server.resolve(server.transferDirectory), folder_ / "state/transfer");
+
+    const std::vector<std::string> enroll{"enroll", folder_ / "site", "--user", "anna", "--device",
+                                          "ws",     "--state"};
+    std::vector<std::string> arguments = enroll;
+    arguments.push_back("/var/lib/qel-audit");
+    ASSERT_EQ(audit(arguments).code, 0);
+    WorkstationConfig workstation;
+    readConfig(folder_ / "site/anna@ws/qel-audit.toml", workstation);
+    EXPECT_EQ(workstation.resolveUrl(workstation.storeUrl), "lmdb:/var/lib/qel-audit/queue");
+    arguments.back() = "queue";
+    EXPECT_EQ(audit(arguments).code, 64);
+}
+
 TEST_F(SiteTest, FolderWithSomethingInItIsRefusedAndLeftAlone) {
     std::filesystem::create_directory(folder_ / "site");
     folder_.write("site/mine", "x");
