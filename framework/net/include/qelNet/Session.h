@@ -69,6 +69,7 @@ class QELNET_EXPORT Session : public Object {
     Service* service_ = nullptr;
     Peer* peer_ = nullptr;
     std::shared_ptr<Channel> channel_;
+    std::function<void()> drained_;
 };
 
 }  // namespace qel
