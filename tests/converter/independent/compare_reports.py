@@ -15,6 +15,8 @@ import page_reader
 import random_logs
 import report_model
 
+CHARTS_AND_TABLES = 19 + 3
+
 
 def latin1(groups):
     def turn(text):
@@ -32,7 +34,7 @@ def write_case(folder, seed):
     (folder / "groups.txt").write_bytes("".join(lines).encode("utf-8"))
 
 
-def differences(folder, seed):
+def differences(folder, seed, seen):
     interaction, audit, groups = random_logs.make(seed)
     groups = latin1(groups)
     for name, expected, read in [
@@ -41,25 +43,26 @@ def differences(folder, seed):
             ("teleradiology", report_model.teleradiology(audit), page_reader.tables)]:
         page = "teleradiology_report.html" if name == "teleradiology" else "usage_report.html"
         found = read((folder / name / page).read_bytes().decode("latin-1"))
+        seen.update(shown["title"] for shown in found)
         if found != expected:
             yield name, expected, found
 
 
 def main():
     program, count = sys.argv[1], int(sys.argv[2]) if len(sys.argv) > 2 else 200
-    failures, compared = 0, 0
+    failures, compared, seen = 0, 0, set()
     with tempfile.TemporaryDirectory() as top:
         folders = [pathlib.Path(top) / str(seed) for seed in range(count)]
         for seed, folder in enumerate(folders):
             write_case(folder, seed)
         subprocess.run([program] + [str(folder) for folder in folders], check=True)
         for seed, folder in enumerate(folders):
-            for name, expected, found in differences(folder, seed):
+            for name, expected, found in differences(folder, seed, seen):
                 failures += 1
                 print("seed %d, %s:\n expected %s\n found    %s" % (seed, name, json.dumps(expected), json.dumps(found)))
             compared += 1
-    print("%d logs compared, %d pages differ" % (compared, failures))
-    sys.exit(1 if failures or compared < count else 0)
+    print("%d logs compared, %d pages differ, %d kinds of charts and tables seen" % (compared, failures, len(seen)))
+    sys.exit(1 if failures or compared < count or len(seen) < CHARTS_AND_TABLES else 0)
 
 
 main()

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/Child.h"
+
+/// The floor of forwarding: nothing but TLS 1.3 over loopback with a window of 64, and a file that is appended to and
+/// flushed before the acknowledgements leave. Whatever can be read without blocking, from all connections, shares one
+/// flush; what goes one way goes in one TLS record.
+namespace qel::bench {
+
+constexpr std::size_t floorEvent = 150;
+constexpr std::size_t floorAck = 24;
+constexpr std::size_t floorWindow = 64;
+
+/// Accepts `connections` connections on a free loopback port, says the port, and serves until all have closed.
+void serveFloor(const Child::Line& line, int connections, const std::string& certificate,
+                const std::string& key, const std::string& file);
+
+/// Connects, says "ready", waits for a line, sends `events` events and says "done" when all are acknowledged.
+void sendFloor(const Child::Line& line, int port, long events);
+
+}  // namespace qel::bench
