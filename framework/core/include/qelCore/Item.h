@@ -159,6 +159,8 @@ class QELCORE_EXPORT Item::Iterator {
     bool decodeElementAsInteger(long long& value);
     bool decodeElementAsBool(bool& value);
     bool decodeElementAsItem(Item& value);
+    /// The same without a copy: `bytes` points into the item's own.
+    bool decodeElementAsItem(ConstByteSpan& bytes);
     /// The decoded bytes are put into `value` as plain data.
     bool decodeElementAsBytes(Item& value);
 

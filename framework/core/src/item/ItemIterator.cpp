@@ -120,12 +120,20 @@ bool Item::Iterator::decodeElementAsBool(bool& value) {
 }
 
 bool Item::Iterator::decodeElementAsItem(Item& value) {
+    ConstByteSpan content;
+    if (!decodeElementAsItem(content))
+        return false;
+    value.setPlain(content);
+    return true;
+}
+
+bool Item::Iterator::decodeElementAsItem(ConstByteSpan& content) {
     if (at_ == end_ || *at_ != codec::nested)
         return false;
     const unsigned char* const after = codec::elementEnd(at_, end_);
     if (after == nullptr)
         return false;
-    value.setPlain(at_ + 1, static_cast<std::size_t>(after - at_ - 2));
+    content = {at_ + 1, static_cast<std::size_t>(after - at_ - 2)};
     at_ = after;
     return true;
 }
