@@ -1,0 +1,120 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "qelCore/StoreOptions.h"
+
+namespace qel::storage {
+
+struct ClockPage;
+
+/// Keys and values as the engine sees them; compared as unsigned bytes.
+using Bytes = std::string_view;
+
+/// The store's own records have keys that begin with this byte, which begins no element of an item: navigation never
+/// meets them.
+constexpr char ownRecords = 0x02;
+
+/// One write; the bytes belong to the batch it lies in.
+struct Write {
+    Bytes key;
+    Bytes value;
+    bool removes = false;
+};
+
+/// Held for the length of one read; waiting for it is rare and short.
+class SpinLock {
+  public:
+    void lock() {
+        while (held_.exchange(true, std::memory_order_acquire))
+            while (held_.load(std::memory_order_relaxed))
+                std::this_thread::yield();
+    }
+    bool try_lock() { return !held_.exchange(true, std::memory_order_acquire); }
+    void unlock() { held_.store(false, std::memory_order_release); }
+
+  private:
+    std::atomic<bool> held_{false};
+};
+
+enum class Refreshed {
+    ok,
+    /// Another process has made the map larger: unlock, call `Engine::adoptGrowth`, try again.
+    grown,
+    failed,
+};
+
+/// A thread's place in a snapshot of the engine. Used by one thread at a time, under its `lock`; the engine and the
+/// sweep for idle snapshots take the lock too.
+class EngineCursor {
+  public:
+    virtual ~EngineCursor() = default;
+
+    SpinLock lock;
+    /// Set by every use, cleared by the sweep.
+    std::atomic<bool> touched{false};
+    /// Retired; nothing else may be called.
+    bool closed = false;
+
+    /// Makes the snapshot the newest. Forgets the position when the snapshot changes.
+    virtual Refreshed refresh() = 0;
+    /// Gives the snapshot back; `refresh` takes another.
+    virtual void rest() = 0;
+    /// True while a snapshot is held.
+    virtual bool isLive() const = 0;
+    /// For good: the thread ends, or the engine does. Under `lock`.
+    virtual void retire() = 0;
+
+    /// To the first key not less than `key`; false when there is none. Keys and values found stay valid until the
+    /// next `refresh` or `rest`.
+    virtual bool seek(Bytes key) = 0;
+    /// To the last key less than `key`.
+    virtual bool seekBefore(Bytes key) = 0;
+    /// From a position that the last operation found: to the neighbour.
+    virtual bool step() = 0;
+    virtual bool stepBack() = 0;
+
+    bool positioned() const { return positioned_; }
+    Bytes key() const { return key_; }
+    Bytes value() const { return value_; }
+    bool isAt(Bytes key) const { return positioned_ && key_ == key; }
+
+  protected:
+    Bytes key_;
+    Bytes value_;
+    bool positioned_ = false;
+};
+
+/// What keeps the entries. Cursors come from any thread; `commit`, `adoptGrowth` are called by one thread at a time.
+class Engine {
+  public:
+    virtual ~Engine() = default;
+
+    virtual std::shared_ptr<EngineCursor> makeCursor() = 0;
+    virtual void adoptGrowth() = 0;
+    /// All live cursors give up what nobody used since the last call. Returns how many stay live.
+    virtual unsigned sweep() = 0;
+
+    /// Makes the writes durable in one transaction, in order, the clock's mark with them.
+    virtual CommitResult commit(const std::vector<const std::vector<Write>*>& writes) = 0;
+    /// Set when the store closes: a `commit` that waits for another process gives up after the store's patience.
+    std::atomic<bool> closing{false};
+
+    virtual std::size_t keyLimit() const = 0;
+    virtual void space(StoreSpace& out) = 0;
+    /// A consistent copy of everything at this moment, as one file that `restore` takes.
+    virtual CommitResult copyTo(const std::string& file, bool compact) = 0;
+    virtual ClockPage& clockPage() = 0;
+    virtual const std::string& folder() const = 0;
+
+    std::atomic<std::uint64_t> reopened{0};
+    std::atomic<std::uint64_t> mapGrown{0};
+};
+
+}  // namespace qel::storage

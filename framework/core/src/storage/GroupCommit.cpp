@@ -1,0 +1,266 @@
+#include "storage/GroupCommit.h"
+
+#include <algorithm>
+#include <exception>
+
+#include "qelCore/ItemStore.h"
+#include "qelCore/logging/MessageStream.h"
+
+namespace qel::storage {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A snapshot unused for one to two of these is given back.
+constexpr auto sweepInterval = 100ms;
+constexpr auto idleInterval = 500ms;
+
+long long microsecondsNow() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}
+
+}  // namespace
+
+GroupCommit::GroupCommit(Engine& engine, Overlay& overlay, const StoreOptions& options)
+    : engine_(engine), overlay_(overlay), options_(options), collecting_(std::make_shared<Group>()) {
+    thread_ = std::thread([this] { run(); });
+}
+
+GroupCommit::~GroupCommit() {
+    {
+        const std::lock_guard guard(mutex_);
+        stopping_ = true;
+        engine_.closing = true;
+    }
+    work_.notify_all();
+    thread_.join();
+}
+
+bool GroupCommit::reserve(std::size_t bytes) {
+    if (pendingBytes_.fetch_add(bytes) + bytes <= options_.pendingLimit)
+        return true;
+    std::unique_lock lock(mutex_);
+    urgent_ = true;
+    work_.notify_one();
+    const bool found = room_.wait_for(lock, std::chrono::milliseconds(options_.patienceMilliseconds), [&] {
+        const std::uint64_t others = pendingBytes_.load() - bytes;
+        // A write larger than all the room there is must not wait for ever.
+        return others + bytes <= options_.pendingLimit || others == 0;
+    });
+    if (!found)
+        pendingBytes_ -= bytes;
+    return found;
+}
+
+void GroupCommit::unreserve(std::size_t bytes) {
+    pendingBytes_ -= bytes;
+    const std::lock_guard guard(mutex_);
+    room_.notify_all();
+}
+
+GroupCommit::Ticket GroupCommit::submit(std::unique_ptr<PendingBatch> batch) {
+    const std::lock_guard guard(mutex_);
+    if (batch->deferred && !urgent_) {
+        if (collecting_->batches.empty())
+            deadline_ = Clock::now() + std::chrono::milliseconds(options_.deferredMilliseconds);
+    } else {
+        urgent_ = true;
+    }
+    const bool first = collecting_->batches.empty() || urgent_;
+    pendingWrites_ += batch->writes().size();
+    collecting_->bytes += batch->bytes();
+    collecting_->batches.push_back(std::move(batch));
+    if (first)
+        work_.notify_one();
+    return collecting_;
+}
+
+void GroupCommit::submitAndWait(std::unique_ptr<PendingBatch> batch) {
+    std::unique_lock lock(mutex_);
+    pendingWrites_ += batch->writes().size();
+    collecting_->bytes += batch->bytes();
+    collecting_->batches.push_back(std::move(batch));
+    const Ticket ticket = collecting_;
+    if (committing_) {
+        urgent_ = true;
+        lock.unlock();
+        work_.notify_one();
+        ticket->done.wait(0);
+        return;
+    }
+    takeGroup();
+    lock.unlock();
+    commitGroup(*ticket);
+}
+
+// The caller holds the mutex; the group that was collected becomes the running one.
+GroupCommit::Ticket GroupCommit::takeGroup() {
+    committing_ = true;
+    urgent_ = false;
+    running_ = std::exchange(collecting_, std::make_shared<Group>());
+    return running_;
+}
+
+bool GroupCommit::drain(unsigned milliseconds) {
+    std::unique_lock lock(mutex_);
+    if (collecting_->batches.empty() && !committing_)
+        return true;
+    // Groups are committed one after the other: the last one's end is everyone's.
+    const Ticket ticket = collecting_->batches.empty() ? running_ : collecting_;
+    urgent_ = true;
+    work_.notify_one();
+    const auto done = [&] { return ticket->done.load() != 0; };
+    if (milliseconds != 0)
+        return room_.wait_for(lock, std::chrono::milliseconds(milliseconds), done);
+    lock.unlock();
+    ticket->done.wait(0);
+    return true;
+}
+
+void GroupCommit::snapshotTaken() {
+    if (!sweeping_.load(std::memory_order_relaxed) && !sweeping_.exchange(true))
+        work_.notify_one();
+}
+
+bool GroupCommit::isDue(Clock::time_point now) const {
+    if (committing_ || collecting_->batches.empty())
+        return false;
+    return urgent_ || stopping_ || now >= deadline_;
+}
+
+void GroupCommit::waitForWork(std::unique_lock<std::mutex>& lock) {
+    const auto now = Clock::now();
+    auto until = now + (sweeping_ ? Clock::duration(sweepInterval) : Clock::duration(idleInterval));
+    if (!collecting_->batches.empty() && !committing_)
+        until = std::min(until, deadline_);
+    work_.wait_until(lock, until);
+}
+
+void GroupCommit::run() {
+    auto lastSweep = Clock::now();
+    std::unique_lock lock(mutex_);
+    while (!stopping_ || committing_ || !collecting_->batches.empty()) {
+        ++turns_;
+        const auto now = Clock::now();
+        if (isDue(now)) {
+            const Ticket group = takeGroup();
+            lock.unlock();
+            commitGroup(*group);
+            lock.lock();
+            continue;
+        }
+        if (sweeping_ && now - lastSweep >= sweepInterval) {
+            lastSweep = now;
+            lock.unlock();
+            sweeping_ = false;
+            if (engine_.sweep() != 0)
+                sweeping_ = true;
+            lock.lock();
+            continue;
+        }
+        waitForWork(lock);
+    }
+}
+
+void GroupCommit::commitGroup(Group& group) {
+    std::vector<PendingBatch*> part;
+    std::size_t bytes = 0;
+    for (const auto& batch : group.batches) {
+        if (!part.empty() && bytes + batch->bytes() > WriteBatch::largest) {
+            commitPart(part);
+            bytes = 0;
+        }
+        part.push_back(batch.get());
+        bytes += batch->bytes();
+    }
+    commitPart(part);
+    group.batches.clear();
+    {
+        const std::lock_guard guard(mutex_);
+        committing_ = false;
+        group.done = 1;
+        room_.notify_all();
+        if (!collecting_->batches.empty() || stopping_)
+            work_.notify_one();
+    }
+    group.done.notify_all();
+}
+
+void GroupCommit::commitPart(std::vector<PendingBatch*>& part) {
+    std::vector<const std::vector<Write>*> writes;
+    CommitReport told;
+    for (const PendingBatch* const batch : part) {
+        if (!batch->isEmpty())
+            writes.push_back(&batch->writes());
+        told.writes += batch->writes().size();
+        told.bytes += batch->bytes();
+    }
+    CommitResult result;
+    if (!writes.empty()) {
+        const long long start = microsecondsNow();
+        commitStart_ = start;
+        result = engine_.commit(writes);
+        commitStart_ = 0;
+        told.durable = result.durable;
+        told.microseconds = static_cast<std::uint64_t>(microsecondsNow() - start);
+        report(told);
+        if (!result)
+            logging::MessageStream(3, 2) << result.reason << "; " << told.writes << " writes are lost";
+    }
+    finish(part, result);
+    part.clear();
+}
+
+void GroupCommit::finish(const std::vector<PendingBatch*>& part, const CommitResult& result) {
+    std::uint64_t bytes = 0;
+    for (const PendingBatch* const batch : part) {
+        overlay_.drop(*batch);
+        bytes += batch->bytes();
+        pendingWrites_ -= batch->writes().size();
+    }
+    pendingBytes_ -= bytes;
+    for (PendingBatch* const batch : part) {
+        if (!result)
+            for (const auto& fate : batch->fates)
+                fate->fail(result.reason);
+        for (const auto& completion : batch->completions)
+            completion(result);
+    }
+}
+
+void GroupCommit::report(const CommitReport& report) {
+    ++(report.durable ? commits_ : failed_);
+    if (report.durable) {
+        writes_ += report.writes;
+        bytes_ += report.bytes;
+    }
+    std::function<void(const CommitReport&)> observer;
+    {
+        const std::lock_guard guard(mutex_);
+        observer = observer_;
+    }
+    if (observer)
+        observer(report);
+}
+
+void GroupCommit::setObserver(std::function<void(const CommitReport&)> observer) {
+    const std::lock_guard guard(mutex_);
+    observer_ = std::move(observer);
+}
+
+void GroupCommit::fill(StoreStatistics& out) const {
+    out.commits = commits_;
+    out.failedCommits = failed_;
+    out.writes = writes_;
+    out.writtenBytes = bytes_;
+    out.pendingBytes = pendingBytes_;
+    out.pendingWrites = pendingWrites_;
+    out.commitThreadTurns = turns_;
+    const long long start = commitStart_;
+    out.commitRunningMicroseconds =
+        start == 0 ? 0 : static_cast<std::uint64_t>(std::max(0LL, microsecondsNow() - start));
+}
+
+}  // namespace qel::storage

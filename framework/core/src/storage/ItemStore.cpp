@@ -1,0 +1,258 @@
+#include "qelCore/ItemStore.h"
+
+#include <cstring>
+
+#include "item/ItemCodec.h"
+#include "qelCore/System.h"
+#include "qelCore/logging/MessageStream.h"
+#include "storage/LmdbEngine.h"
+#include "storage/Navigation.h"
+#include "storage/StoreCore.h"
+#include "storage/StoreRecords.h"
+
+namespace qel {
+
+using storage::StoreReader;
+using storage::StoreRecords;
+
+namespace {
+
+constexpr std::string_view lmdbScheme = "lmdb:";
+
+std::atomic<ItemStore*> currentStore{nullptr};
+
+// Room kept for the next value; larger ones give theirs back.
+constexpr std::size_t keptFetchRoom = std::size_t{64} << 10;
+
+ConstByteSpan keep(std::vector<unsigned char>& room, storage::Bytes value) {
+    if (room.size() > keptFetchRoom && value.size() <= keptFetchRoom)
+        room = {};
+    if (room.size() < value.size() + 1)
+        room.resize(std::max<std::size_t>(512, value.size() + 1));
+    if (!value.empty())
+        std::memcpy(room.data(), value.data(), value.size());
+    return {room.data(), value.size()};
+}
+
+bool isOrBecomes(std::string& own, std::string_view fingerprint) {
+    if (own.empty())
+        own = fingerprint;
+    return own == fingerprint;
+}
+
+}  // namespace
+
+ItemStore::ItemStore(std::unique_ptr<StoreCore> core) : core_(std::move(core)) {}
+
+std::unique_ptr<ItemStore> ItemStore::open(std::string_view url, const StoreOptions& options,
+                                           std::string& reason) {
+    reason.clear();
+    if (url.substr(0, lmdbScheme.size()) != lmdbScheme) {
+        reason = "the store URL " + std::string(url) + " names no known kind of store; expected lmdb:PATH";
+        return nullptr;
+    }
+    auto engine = storage::LmdbEngine::open(std::string(url.substr(lmdbScheme.size())), options, reason);
+    if (engine == nullptr)
+        return nullptr;
+    auto core = std::make_unique<StoreCore>(std::move(engine), std::string(url), options);
+    if (!StoreRecords(*core).prepare(reason))
+        return nullptr;
+    return std::unique_ptr<ItemStore>(new ItemStore(std::move(core)));
+}
+
+ItemStore::~ItemStore() {
+    ItemStore* self = this;
+    if (currentStore.compare_exchange_strong(self, nullptr) &&
+        System::getUniqueTimeSource() == core_->timeSource())
+        System::setUniqueTimeSource(nullptr);
+}
+
+ItemStore* ItemStore::current() {
+    return currentStore.load(std::memory_order_acquire);
+}
+
+void ItemStore::setCurrent(ItemStore* store) {
+    currentStore = store;
+    System::setUniqueTimeSource(store == nullptr ? nullptr : store->core_->timeSource());
+}
+
+const std::string& ItemStore::url() const {
+    return core_->url;
+}
+
+const std::string& ItemStore::path() const {
+    return core_->engine().folder();
+}
+
+const StoreOptions& ItemStore::options() const {
+    return core_->options;
+}
+
+bool ItemStore::child(const Item& parent, Item& out) {
+    return core_->read([&](StoreReader& reader) { return ItemNavigation::child(reader, parent, out); });
+}
+
+bool ItemStore::next(Item& position) {
+    return core_->read([&](StoreReader& reader) { return ItemNavigation::next(reader, position); });
+}
+
+bool ItemStore::prev(Item& position) {
+    return core_->read([&](StoreReader& reader) { return ItemNavigation::prev(reader, position); });
+}
+
+bool ItemStore::nextKey(Item& position) {
+    return core_->read([&](StoreReader& reader) { return ItemNavigation::nextKey(reader, position); });
+}
+
+ConstByteSpan ItemStore::fetch(const Item& key) {
+    ConstByteSpan out;
+    if (key.isEmpty())
+        return out;
+    core_->read([&](StoreReader& reader) {
+        if (!reader.exactly(ItemNavigation::bytesOf(key)))
+            return false;
+        out = keep(core_->thread().fetched, reader.value());
+        return true;
+    });
+    return out;
+}
+
+bool ItemStore::store(const Item& key, ConstByteSpan value) {
+    return core_->write(ItemNavigation::bytesOf(key), value.view(), false);
+}
+
+bool ItemStore::remove(const Item& key) {
+    return core_->write(ItemNavigation::bytesOf(key), {}, true);
+}
+
+CommitResult ItemStore::flush() {
+    ItemStore* const store = current();
+    return store == nullptr ? CommitResult{false, "no store is open"} : store->flushThread();
+}
+
+CommitResult ItemStore::flushThread() {
+    return core_->flush();
+}
+
+CommitResult ItemStore::probeCommit() {
+    return core_->probe();
+}
+
+std::uint64_t ItemStore::pendingBytes() const {
+    return core_->commits().pendingBytes();
+}
+
+std::size_t ItemStore::keyLimit() const {
+    return core_->engine().keyLimit();
+}
+
+std::size_t ItemStore::valueLimit() const {
+    return core_->valueLimit;
+}
+
+void ItemStore::setValueLimit(std::size_t bytes) {
+    core_->valueLimit = bytes;
+}
+
+bool ItemStore::accepts(const Item& key, std::size_t valueSize, std::string* reason) const {
+    std::string ignored;
+    return core_->accepts(key.size(), valueSize, reason == nullptr ? ignored : *reason);
+}
+
+StoreIdentity ItemStore::identity() {
+    return StoreRecords(*core_).identity();
+}
+
+CommitResult ItemStore::setSite(std::string_view site) {
+    StoreIdentity own = identity();
+    if (own.site == site)
+        return {};
+    own.site = site;
+    return StoreRecords(*core_).write(own);
+}
+
+bool ItemStore::bindSiteKey(std::string_view fingerprint, std::string& reason) {
+    StoreIdentity own = identity();
+    if (own.siteKeyFingerprint == fingerprint)
+        return true;
+    if (!isOrBecomes(own.siteKeyFingerprint, fingerprint)) {
+        reason = "the store " + url() + " belongs to the site key " + own.siteKeyFingerprint + ", not to " +
+                 std::string(fingerprint);
+        return false;
+    }
+    const CommitResult result = StoreRecords(*core_).write(own);
+    reason = result.reason;
+    return result.durable;
+}
+
+bool ItemStore::bindQueueIdentity(std::string_view fingerprint, std::string& reason) {
+    StoreIdentity own = identity();
+    if (own.queueIdentity == fingerprint)
+        return true;
+    if (!isOrBecomes(own.queueIdentity, fingerprint)) {
+        reason = "the queues in the store " + url() + " are filled by the identity " + own.queueIdentity +
+                 ", not by " + std::string(fingerprint);
+        return false;
+    }
+    const CommitResult result = StoreRecords(*core_).write(own);
+    reason = result.reason;
+    return result.durable;
+}
+
+std::vector<StoreLog> ItemStore::logs() {
+    return StoreRecords(*core_).logs();
+}
+
+CommitResult ItemStore::setLog(const StoreLog& log) {
+    return StoreRecords(*core_).write(log);
+}
+
+bool ItemStore::findLog(std::string_view name, StoreLog& out) {
+    for (StoreLog& log : logs()) {
+        if (log.name == name) {
+            out = std::move(log);
+            return true;
+        }
+    }
+    return false;
+}
+
+Item ItemStore::sidePath(std::string_view name) {
+    Item out;
+    out.addBytes("side", 4);
+    out.addString(name);
+    return out;
+}
+
+bool ItemStore::isSideKey(const Item& key) {
+    return !key.isEmpty() && key.data()[0] == codec::bytes;
+}
+
+long long ItemStore::uniqueTime() {
+    return core_->clock().next(System::getUTCDateTime(), 0);
+}
+
+ClockState ItemStore::clock() {
+    return core_->clock().state(System::getUTCDateTime());
+}
+
+StoreStatistics ItemStore::statistics() const {
+    StoreStatistics out;
+    core_->commits().fill(out);
+    out.refusedWrites = core_->refused;
+    out.reopened = core_->engine().reopened;
+    out.mapGrown = core_->engine().mapGrown;
+    return out;
+}
+
+StoreSpace ItemStore::space() {
+    StoreSpace out;
+    core_->engine().space(out);
+    return out;
+}
+
+void ItemStore::setCommitObserver(std::function<void(const CommitReport&)> observer) {
+    core_->commits().setObserver(std::move(observer));
+}
+
+}  // namespace qel

@@ -1,0 +1,102 @@
+#include "storage/LmdbCursor.h"
+
+#include "qelCore/logging/MessageStream.h"
+#include "storage/LmdbEngine.h"
+
+namespace qel::storage {
+
+void LmdbCursor::retire() {
+    // In a child of `fork` everything here belongs to the parent.
+    if (!closed && !engine_.isForeignProcess())
+        drop();
+    closed = true;
+}
+
+void LmdbCursor::drop() {
+    rest();
+    if (cursor_ != nullptr)
+        mdb_cursor_close(cursor_);
+    if (transaction_ != nullptr)
+        mdb_txn_abort(transaction_);
+    cursor_ = nullptr;
+    transaction_ = nullptr;
+}
+
+void LmdbCursor::rest() {
+    positioned_ = false;
+    if (live_)
+        mdb_txn_reset(transaction_);
+    live_ = false;
+}
+
+Refreshed LmdbCursor::refresh() {
+    touched.store(true, std::memory_order_relaxed);
+    if (live_) {
+        MDB_envinfo info;
+        mdb_env_info(engine_.environment(), &info);
+        if (info.me_last_txnid == mdb_txn_id(transaction_))
+            return Refreshed::ok;
+        rest();
+    }
+    int error = 0;
+    if (begin(error))
+        return Refreshed::ok;
+    if (error == MDB_MAP_RESIZED)
+        return Refreshed::grown;
+    logging::MessageStream(3, 2) << "cannot read the store " << engine_.folder() << ": "
+                                 << mdb_strerror(error);
+    return Refreshed::failed;
+}
+
+bool LmdbCursor::begin(int& error) {
+    if (transaction_ == nullptr) {
+        error = mdb_txn_begin(engine_.environment(), nullptr, MDB_RDONLY, &transaction_);
+        // The places of killed processes are taken back when they are needed.
+        int dead = 0;
+        if (error == MDB_READERS_FULL && mdb_reader_check(engine_.environment(), &dead) == 0 && dead > 0)
+            error = mdb_txn_begin(engine_.environment(), nullptr, MDB_RDONLY, &transaction_);
+        if (error != 0)
+            transaction_ = nullptr;
+    } else {
+        error = mdb_txn_renew(transaction_);
+    }
+    if (error != 0)
+        return false;
+    live_ = true;
+    error = cursor_ == nullptr ? mdb_cursor_open(transaction_, engine_.database(), &cursor_)
+                               : mdb_cursor_renew(transaction_, cursor_);
+    if (error == 0)
+        return true;
+    drop();
+    return false;
+}
+
+bool LmdbCursor::find(MDB_val& key, MDB_cursor_op op) {
+    MDB_val value;
+    const int error = mdb_cursor_get(cursor_, &key, &value, op);
+    positioned_ = error == 0;
+    if (positioned_) {
+        key_ = {static_cast<const char*>(key.mv_data), key.mv_size};
+        value_ = {static_cast<const char*>(value.mv_data), value.mv_size};
+    } else if (error != MDB_NOTFOUND) {
+        logging::MessageStream(3, 2) << "cannot read the store " << engine_.folder() << ": "
+                                     << mdb_strerror(error);
+    }
+    return positioned_;
+}
+
+bool LmdbCursor::seek(Bytes key) {
+    MDB_val wanted{key.size(), const_cast<char*>(key.data())};
+    return find(wanted, MDB_SET_RANGE);
+}
+
+bool LmdbCursor::seekBefore(Bytes key) {
+    return seek(key) ? move(MDB_PREV) : move(MDB_LAST);
+}
+
+bool LmdbCursor::move(MDB_cursor_op op) {
+    MDB_val key;
+    return find(key, op);
+}
+
+}  // namespace qel::storage

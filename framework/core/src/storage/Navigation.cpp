@@ -1,0 +1,79 @@
+#include "storage/Navigation.h"
+
+#include "item/ItemCodec.h"
+
+namespace qel {
+
+using storage::Bytes;
+using storage::StoreReader;
+
+namespace {
+
+// A key with one more byte, for a seek; longer keys than any store takes are cut, for nothing lies behind them.
+class SeekKey {
+  public:
+    SeekKey(Bytes key, unsigned char last) : size_(std::min(key.size(), sizeof bytes_ - 1)) {
+        key.copy(bytes_, size_);
+        bytes_[size_++] = static_cast<char>(last);
+    }
+    Bytes bytes() const { return {bytes_, size_}; }
+
+  private:
+    char bytes_[512];
+    std::size_t size_;
+};
+
+bool isBelow(Bytes key, Bytes parent, std::size_t parentSize) {
+    return key.size() > parentSize && key.compare(0, parentSize, parent.substr(0, parentSize)) == 0 &&
+           static_cast<unsigned char>(key[parentSize]) >= codec::firstCode;
+}
+
+}  // namespace
+
+// To the key's ancestor one element below the parent, which is the key itself unless it lies deeper.
+bool ItemNavigation::moveTo(Item& position, Bytes key, std::size_t parent) {
+    const auto* const at = reinterpret_cast<const unsigned char*>(key.data());
+    const unsigned char* const end = at + key.size();
+    const unsigned char* const after = codec::elementEnd(at + parent, end);
+    position.assign(at, static_cast<std::size_t>((after == nullptr ? end : after) - at));
+    position.last_ = static_cast<unsigned>(parent);
+    return true;
+}
+
+bool ItemNavigation::child(StoreReader& reader, const Item& parent, Item& out) {
+    const Bytes key = bytesOf(parent);
+    const SeekKey bound(key, key.empty() ? codec::firstCode : codec::belowAll);
+    return reader.atLeast(bound.bytes()) && isBelow(reader.key(), key, key.size()) &&
+           moveTo(out, reader.key(), key.size());
+}
+
+bool ItemNavigation::next(StoreReader& reader, Item& position) {
+    if (position.isEmpty())
+        return false;
+    const Bytes key = bytesOf(position);
+    const std::size_t parent = position.lastElement();
+    bool found = reader.behind(key);
+    // Descendants lie between a key and its sibling.
+    if (found && reader.key().compare(0, key.size(), key) == 0)
+        found = reader.atLeast(SeekKey(key, codec::aboveAll).bytes());
+    return found && isBelow(reader.key(), key, parent) && moveTo(position, reader.key(), parent);
+}
+
+bool ItemNavigation::prev(StoreReader& reader, Item& position) {
+    if (position.isEmpty())
+        return false;
+    const Bytes key = bytesOf(position);
+    const std::size_t parent = position.lastElement();
+    return reader.before(key) && isBelow(reader.key(), key, parent) && moveTo(position, reader.key(), parent);
+}
+
+bool ItemNavigation::nextKey(StoreReader& reader, Item& position) {
+    static constexpr char first[] = {codec::firstCode};
+    const bool found = position.isEmpty() ? reader.atLeast({first, 1}) : reader.behind(bytesOf(position));
+    if (!found)
+        return false;
+    position.setPlain(reinterpret_cast<const unsigned char*>(reader.key().data()), reader.key().size());
+    return true;
+}
+
+}  // namespace qel

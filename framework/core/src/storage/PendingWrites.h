@@ -1,0 +1,87 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "qelCore/StoreOptions.h"
+#include "storage/Engine.h"
+
+namespace qel::storage {
+
+/// What became of a thread's writes since it last asked.
+class Fate {
+  public:
+    void fail(const std::string& reason);
+    /// The first failure since the last call, which is forgotten with it.
+    CommitResult take();
+    CommitResult look() const;
+
+  private:
+    mutable std::mutex mutex_;
+    CommitResult result_;
+};
+
+/// Writes of one thread, in order, with their bytes, until they are durable or lost. Filled by one thread, then read
+/// by the one that commits.
+class PendingBatch {
+  public:
+    using Completion = std::function<void(const CommitResult&)>;
+
+    const Write& add(Bytes key, Bytes value, bool removes);
+    /// What one write adds to `bytes`.
+    static std::size_t sizeOf(Bytes key, Bytes value);
+    const std::vector<Write>& writes() const { return writes_; }
+    /// Memory taken, the entries in the overlay included.
+    std::size_t bytes() const { return bytes_; }
+    bool isEmpty() const { return writes_.empty(); }
+
+    /// Told of failures; those of one thread and of one write batch.
+    std::vector<std::shared_ptr<Fate>> fates;
+    std::vector<Completion> completions;
+    /// May wait for company.
+    bool deferred = false;
+
+  private:
+    char* room(std::size_t bytes);
+
+    std::vector<std::unique_ptr<char[]>> blocks_;
+    char* at_ = nullptr;
+    std::size_t left_ = 0;
+    std::size_t nextBlock_ = 256;
+    std::size_t bytes_ = 0;
+    std::vector<Write> writes_;
+};
+
+/// All writes of this process that are not durable yet, the last one of each key, in order of key: what readers see
+/// before the store has it. The bytes belong to the batches, which outlive their entries here. Readers hold `mutex`
+/// shared for as long as they look, writers alone.
+class Overlay {
+  public:
+    struct Entry {
+        Bytes value;
+        bool removes = false;
+    };
+    using Map = std::map<Bytes, Entry>;
+
+    mutable std::shared_mutex mutex;
+
+    /// Without locking: false only when everything written before by this thread is in the engine's newest snapshot.
+    bool isEmpty() const { return count_.load(std::memory_order_acquire) == 0; }
+    const Map& entries() const { return entries_; }
+    void put(const Write& write);
+    /// Takes out what is still the batch's own.
+    void drop(const PendingBatch& batch);
+
+  private:
+    Map entries_;
+    std::atomic<std::size_t> count_{0};
+};
+
+}  // namespace qel::storage

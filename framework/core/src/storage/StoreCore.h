@@ -1,0 +1,85 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "qelCore/Item.h"
+#include "qelCore/ItemStore.h"
+#include "storage/Engine.h"
+#include "storage/GroupCommit.h"
+#include "storage/PendingWrites.h"
+#include "storage/StoreReader.h"
+#include "storage/ThreadState.h"
+#include "storage/UniqueClock.h"
+
+namespace qel {
+
+/// The parts of an open store and what its operations have in common.
+class StoreCore {
+  public:
+    StoreCore(std::unique_ptr<storage::Engine> engine, std::string url, const StoreOptions& options);
+    ~StoreCore();
+
+    storage::Engine& engine() { return *engine_; }
+    storage::GroupCommit& commits() { return *commits_; }
+    storage::ThreadState& thread() { return storage::threadState(number_); }
+    storage::UniqueClock& clock() { return clock_; }
+    const std::shared_ptr<storage::StoreTimeSource>& timeSource() { return timeSource_; }
+
+    /// Runs `action(reader)` on the newest state; false when the store cannot be read.
+    template <typename Action>
+    bool read(Action action) {
+        if (!isUsable())
+            return false;
+        storage::ThreadState& state = thread();
+        bool snapshotTaken = false;
+        bool result = false;
+        {
+            storage::StoreReader reader(*engine_, overlay_, state, snapshotTaken);
+            result = reader.isReady() && action(reader);
+        }
+        if (snapshotTaken)
+            commits_->snapshotTaken();
+        return result;
+    }
+
+    /// Checks, collects or commits one write.
+    bool write(storage::Bytes key, storage::Bytes value, bool removes);
+    /// Writes of the store's own records: no limits, always durable on return. `reason` says why not.
+    CommitResult writeOwn(storage::Bytes key, storage::Bytes value);
+    bool accepts(std::size_t keySize, std::size_t valueSize, std::string& reason) const;
+    CommitResult flush();
+    CommitResult probe();
+
+    void openBatch();
+    /// Submits what is collected; `done` may be empty.
+    void submitBatch(WriteBatch::Completion done, bool joined);
+    void closeBatch();
+    CommitResult commitBatch();
+
+    /// False, with a log line, in a child of `fork`.
+    bool isUsable() const;
+    bool isForeignProcess() const;
+
+    const std::string url;
+    StoreOptions options;
+    std::atomic<std::size_t> valueLimit;
+    std::atomic<std::uint64_t> refused{0};
+
+  private:
+    bool refuse(storage::ThreadState& state, const std::string& reason);
+    void passOn(storage::ThreadState& state);
+
+    const std::uint64_t number_;
+    const std::uint32_t forks_;
+    std::unique_ptr<storage::Engine> engine_;
+    storage::Overlay overlay_;
+    storage::UniqueClock clock_;
+    std::shared_ptr<storage::StoreTimeSource> timeSource_;
+    std::unique_ptr<storage::GroupCommit> commits_;
+};
+
+}  // namespace qel

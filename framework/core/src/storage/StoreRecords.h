@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "qelCore/StoreOptions.h"
+#include "storage/StoreCore.h"
+
+namespace qel::storage {
+
+/// The store's records about itself, under keys of its own. docs/store.md describes them.
+class StoreRecords {
+  public:
+    /// Raised when versions before could no longer read the store.
+    static constexpr int currentFormat = 1;
+
+    explicit StoreRecords(StoreCore& core) : core_(core) {}
+
+    /// Writes the identity of a new store, or checks that of an old one. False with a sentence.
+    bool prepare(std::string& reason);
+    StoreIdentity identity();
+    CommitResult write(const StoreIdentity& identity);
+    std::vector<StoreLog> logs();
+    CommitResult write(const StoreLog& log);
+
+  private:
+    bool read(Bytes key, Item& out);
+    StoreCore& core_;
+};
+
+}  // namespace qel::storage

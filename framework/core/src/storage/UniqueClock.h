@@ -1,0 +1,53 @@
+#pragma once
+
+#include <string>
+
+#include "qelCore/StoreOptions.h"
+#include "qelCore/System.h"
+#include "storage/Engine.h"
+#include "storage/SharedPage.h"
+
+namespace qel::storage {
+
+/// Hands out times that no process with the same store ever hands out again. The counter lies in the shared page and is
+/// advanced atomically. With the writes a mark goes into the store that is a little ahead of the counter, so that it
+/// need not be written with every transaction; after a power cut the counter goes on from the mark.
+/// Any thread.
+class UniqueClock {
+  public:
+    /// How far the mark runs ahead of the counter: one record a second, and at most a second lost by a power cut.
+    static constexpr long long markAhead = 1000000;
+
+    explicit UniqueClock(ClockPage& page) : page_(page) {}
+
+    long long next(long long now, long long atLeast);
+    ClockState state(long long now) const;
+
+    /// The key of the mark's record.
+    static Bytes markKey();
+    /// The record to commit with the writes at hand, or false when the one in the store suffices.
+    static bool dueMark(ClockPage& page, std::string& record, long long& mark);
+    /// That record is durable now.
+    static void markCommitted(ClockPage& page, long long mark);
+    /// Sets the page from the record of the store (empty: none yet).
+    static void load(ClockPage& page, Bytes record);
+
+  private:
+    void leap(long long now, long long atLeast);
+    void forgetLead(long long now);
+    void refreshNextSkip(long long from);
+
+    ClockPage& page_;
+};
+
+/// Installs a store's clock as the source of System's unique times.
+class StoreTimeSource : public UniqueTimeSource {
+  public:
+    explicit StoreTimeSource(UniqueClock& clock) : clock_(clock) {}
+    UTCDateTime next(UTCDateTime now, UTCDateTime atLeast) override { return clock_.next(now, atLeast); }
+
+  private:
+    UniqueClock& clock_;
+};
+
+}  // namespace qel::storage
