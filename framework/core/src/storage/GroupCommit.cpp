@@ -1,7 +1,7 @@
 #include "storage/GroupCommit.h"
 
 #include <algorithm>
-#include <exception>
+#include <utility>
 
 #include "qelCore/ItemStore.h"
 #include "qelCore/logging/MessageStream.h"

@@ -55,8 +55,13 @@ StoreCore::StoreCore(std::unique_ptr<storage::Engine> engine, std::string storeU
       commits_(std::make_unique<storage::GroupCommit>(*engine_, overlay_, options)) {}
 
 StoreCore::~StoreCore() {
-    if (!isForeignProcess())
+    if (!isForeignProcess()) {
+        commits_.reset();
+        // Times were handed out since the last mark: they stay handed out, whatever becomes of the shared page.
+        if (!options.readOnly && clock_.isMarkDue())
+            engine_->commit({});
         return;
+    }
     // The parent's threads, locks and places among the readers are not this process's to end.
     static_cast<void>(commits_.release());
     static_cast<void>(engine_.release());

@@ -23,6 +23,7 @@ class UniqueClock {
     long long next(long long now, long long atLeast);
     ClockState state(long long now) const;
 
+    bool isMarkDue() const { return page_.last > page_.committed; }
     /// The key of the mark's record.
     static Bytes markKey();
     /// The record to commit with the writes at hand, or false when the one in the store suffices.
