@@ -113,6 +113,8 @@ class Engine {
     virtual ClockPage& clockPage() = 0;
     virtual const std::string& folder() const = 0;
 
+    /// Reads that failed for another reason than an absent key.
+    std::atomic<std::uint64_t> readFaults{0};
     std::atomic<std::uint64_t> reopened{0};
     std::atomic<std::uint64_t> mapGrown{0};
 };

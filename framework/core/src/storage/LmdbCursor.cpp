@@ -79,6 +79,7 @@ bool LmdbCursor::find(MDB_val& key, MDB_cursor_op op) {
         key_ = {static_cast<const char*>(key.mv_data), key.mv_size};
         value_ = {static_cast<const char*>(value.mv_data), value.mv_size};
     } else if (error != MDB_NOTFOUND) {
+        ++engine_.readFaults;
         logging::MessageStream(3, 2) << "cannot read the store " << engine_.folder() << ": "
                                      << mdb_strerror(error);
     }

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "qelCore/Export.h"
+#include "qelCore/Item.h"
+#include "qelCore/StoreOptions.h"
+
+namespace qel {
+
+class ItemStore;
+
+/// Work on whole stores that are in use meanwhile: check, copy, save, bring back. No state; any thread, one long call at
+/// a time per thread. Walks renew their snapshot as they go and pin no part of the store; a backup pins one for its
+/// duration, so that the file can grow by what is written meanwhile.
+class QELCORE_EXPORT StoreTools {
+  public:
+    /// Called now and then with the number of entries done; returning false ends the work early.
+    using Progress = std::function<bool(std::uint64_t done)>;
+    /// Called for each fault with the key's text and a sentence.
+    using Fault = std::function<void(const std::string& key, const std::string& sentence)>;
+
+    struct Outcome {
+        CommitResult result;
+        std::uint64_t entries = 0;
+        /// Of keys and values, encoded.
+        std::uint64_t bytes = 0;
+        std::uint64_t faults = 0;
+        /// `progress` ended it.
+        bool stopped = false;
+    };
+
+    /// Reads every entry: keys and values decode, keys ascend, nothing is over the limits, the engine finds no damaged
+    /// page. `result` says whether it was read to its end.
+    static Outcome verify(ItemStore& store, const Fault& fault, const Progress& progress = {});
+
+    /// Writes a consistent copy of the store as it is at this moment to one file, which appears under its name only when
+    /// it is whole and on disk, and replaces an older one. `compact` leaves out unused pages, which takes longer.
+    static CommitResult backup(ItemStore& store, const std::string& file, bool compact);
+
+    /// Makes a store in the folder `path`, which must not hold one, from a file that `backup` wrote; checks it by opening it.
+    /// On failure nothing stays behind.
+    static CommitResult restore(const std::string& file, const std::string& path,
+                                const StoreOptions& options = {});
+
+    /// Copies every entry, the names of the logs and the store's identity into another open store, in durable
+    /// batches; equal keys are replaced. Refused when the target belongs to another site key. What is written to
+    /// the source meanwhile behind the walk is not copied.
+    static Outcome copy(ItemStore& from, ItemStore& to, const Progress& progress = {});
+};
+
+}  // namespace qel

@@ -1,0 +1,191 @@
+#include "qelCore/StoreTools.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+#include "qelCore/ItemStore.h"
+#include "qelCore/String.h"
+#include "storage/StoreCore.h"
+#include "storage/StoreFolder.h"
+
+namespace qel {
+
+namespace {
+
+// Steps between two calls of the progress function.
+constexpr std::uint64_t progressStep = 4096;
+constexpr std::size_t copyBatchBytes = std::size_t{4} << 20;
+
+bool goesOn(StoreTools::Outcome& outcome, const StoreTools::Progress& progress) {
+    if (progress && outcome.entries % progressStep == 0 && !progress(outcome.entries))
+        outcome.stopped = true;
+    return !outcome.stopped;
+}
+
+CommitResult failure(const std::string& what, int error) {
+    return {false, what + ": " + std::strerror(error)};
+}
+
+std::string folderOf(const std::string& file) {
+    const std::string folder = std::filesystem::path(file).parent_path().string();
+    return folder.empty() ? "." : folder;
+}
+
+// A name is on disk when its folder is.
+bool syncFolder(const std::string& folder) {
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool synced = fd >= 0 && fsync(fd) == 0;
+    if (fd >= 0)
+        close(fd);
+    return synced;
+}
+
+CommitResult giveName(const std::string& from, const std::string& to) {
+    if (std::rename(from.c_str(), to.c_str()) == 0 && syncFolder(folderOf(to)))
+        return {};
+    const int error = errno;
+    unlink(from.c_str());
+    return failure("cannot give the file its name " + to, error);
+}
+
+CommitResult copyFile(const std::string& from, const std::string& to) {
+    std::error_code error;
+    std::filesystem::copy_file(from, to, error);
+    if (error)
+        return failure("cannot copy " + from + " to " + to, error.value());
+    const int fd = open(to.c_str(), O_RDWR | O_CLOEXEC);
+    const bool synced = fd >= 0 && fsync(fd) == 0;
+    const int reason = errno;
+    if (fd >= 0)
+        close(fd);
+    return synced ? CommitResult() : failure("cannot write " + to, reason);
+}
+
+void check(ItemStore& store, const Item& key, const Item& before, StoreTools::Outcome& outcome,
+           const StoreTools::Fault& fault) {
+    const auto tell = [&](const std::string& sentence) {
+        ++outcome.faults;
+        if (fault)
+            fault(key.asString().str(), sentence);
+    };
+    if (!key.isWellFormed())
+        tell("the key does not decode");
+    if (!before.isEmpty() && Item::compare(before, key) >= 0)
+        tell("the key does not sort behind the one before it, " + before.asString().str());
+    const ConstByteSpan value = store.fetch(key);
+    outcome.bytes += key.size() + value.size();
+    if (!Item::isWellFormed(value))
+        tell("the value of " + std::to_string(value.size()) + " bytes does not decode");
+}
+
+bool copyIdentity(ItemStore& from, ItemStore& to, CommitResult& result) {
+    const StoreIdentity identity = from.identity();
+    if (!identity.siteKeyFingerprint.empty())
+        result.durable = to.bindSiteKey(identity.siteKeyFingerprint, result.reason);
+    if (result && !identity.queueIdentity.empty())
+        result.durable = to.bindQueueIdentity(identity.queueIdentity, result.reason);
+    if (result)
+        result = to.setSite(identity.site);
+    for (const StoreLog& log : from.logs())
+        if (result)
+            result = to.setLog(log);
+    return result.durable;
+}
+
+}  // namespace
+
+StoreTools::Outcome StoreTools::verify(ItemStore& store, const Fault& fault, const Progress& progress) {
+    Outcome outcome;
+    storage::Engine& engine = store.core_->engine();
+    const std::uint64_t faultsBefore = engine.readFaults;
+    Item before;
+    Item key;
+    while (goesOn(outcome, progress) && store.nextKey(key)) {
+        check(store, key, before, outcome, fault);
+        ++outcome.entries;
+        before = key;
+    }
+    if (engine.readFaults != faultsBefore) {
+        ++outcome.faults;
+        outcome.result = {false, "a damaged page ended the walk behind " + before.asString().str()};
+        if (fault)
+            fault(before.asString().str(), outcome.result.reason);
+    }
+    return outcome;
+}
+
+CommitResult StoreTools::backup(ItemStore& store, const std::string& file, bool compact) {
+    // A leftover of an attempt that was cut off.
+    const std::string unfinished = file + ".unfinished";
+    unlink(unfinished.c_str());
+    const CommitResult copied = store.core_->engine().copyTo(unfinished, compact);
+    return copied ? giveName(unfinished, file) : copied;
+}
+
+CommitResult StoreTools::restore(const std::string& file, const std::string& path,
+                                 const StoreOptions& options) {
+    struct stat found {};
+    if (stat(file.c_str(), &found) != 0)
+        return failure("cannot read the backup " + file, errno);
+    if (!S_ISREG(found.st_mode))
+        return {false, "the backup " + file + " is no file"};
+    std::error_code error;
+    const bool isNew = std::filesystem::create_directories(path, error);
+    const std::string data = path + "/" + storage::dataFile;
+    if (stat(data.c_str(), &found) == 0)
+        return {false, "the folder " + path + " holds a store already"};
+    const std::string unfinished = data + ".unfinished";
+    unlink(unfinished.c_str());
+    CommitResult result = copyFile(file, unfinished);
+    if (result)
+        result = giveName(unfinished, data);
+    if (result) {
+        StoreOptions existing = options;
+        existing.create = false;
+        const auto store = ItemStore::open("lmdb:" + path, existing, result.reason);
+        result.durable = store != nullptr;
+    }
+    if (!result) {
+        for (const char* const name :
+             {storage::dataFile, storage::lockFile, storage::pageFile, "shared.gate"})
+            unlink((path + "/" + name).c_str());
+        unlink(unfinished.c_str());
+        if (isNew)
+            rmdir(path.c_str());
+    }
+    return result;
+}
+
+StoreTools::Outcome StoreTools::copy(ItemStore& from, ItemStore& to, const Progress& progress) {
+    Outcome outcome;
+    if (!copyIdentity(from, to, outcome.result))
+        return outcome;
+    WriteBatch batch(&to);
+    Item key;
+    while (outcome.result && goesOn(outcome, progress) && from.nextKey(key)) {
+        const ConstByteSpan value = from.fetch(key);
+        if (value.isNull())
+            continue;  // removed since the step
+        if (!to.store(key, value)) {
+            to.accepts(key, value.size(), &outcome.result.reason);
+            outcome.result.durable = false;
+            break;
+        }
+        ++outcome.entries;
+        outcome.bytes += key.size() + value.size();
+        if (batch.bytes() >= copyBatchBytes)
+            outcome.result = batch.commit();
+    }
+    if (outcome.result)
+        outcome.result = batch.commit();
+    return outcome;
+}
+
+}  // namespace qel

@@ -1,0 +1,151 @@
+#include "qelCore/StoreTools.h"
+
+#include <lmdb.h>
+
+#include <thread>
+#include <vector>
+
+#include "support/StoreFixture.h"
+
+using namespace qel;
+using namespace qel::test;
+
+namespace {
+
+class Tools : public StoreTest {
+  protected:
+    void fill(long long count) {
+        WriteBatch batch;
+        for (long long i = 0; i < count; ++i)
+            write(key(path("log"), i), "value " + std::to_string(i));
+        ASSERT_TRUE(batch.commit().durable);
+    }
+    std::unique_ptr<ItemStore> other(const std::string& name) {
+        std::string reason;
+        auto store = ItemStore::open("lmdb:" + (folder_ / name), {}, reason);
+        EXPECT_NE(store, nullptr) << reason;
+        return store;
+    }
+    // Puts bytes into the store's file that no item operation would.
+    void plant(const std::string& rawKey, const std::string& rawValue) {
+        close();
+        MDB_env* environment = nullptr;
+        mdb_env_create(&environment);
+        mdb_env_set_mapsize(environment, 1 << 26);
+        ASSERT_EQ(mdb_env_open(environment, (folder_ / "store").c_str(), 0, 0660), 0);
+        MDB_txn* transaction = nullptr;
+        ASSERT_EQ(mdb_txn_begin(environment, nullptr, 0, &transaction), 0);
+        MDB_dbi database = 0;
+        ASSERT_EQ(mdb_dbi_open(transaction, nullptr, 0, &database), 0);
+        MDB_val atKey{rawKey.size(), const_cast<char*>(rawKey.data())};
+        MDB_val value{rawValue.size(), const_cast<char*>(rawValue.data())};
+        ASSERT_EQ(mdb_put(transaction, database, &atKey, &value, 0), 0);
+        ASSERT_EQ(mdb_txn_commit(transaction), 0);
+        mdb_env_close(environment);
+        reopen();
+    }
+    std::vector<std::string> faults() {
+        std::vector<std::string> out;
+        outcome_ = StoreTools::verify(*store_, [&](const std::string& at, const std::string& sentence) {
+            out.push_back(at + ": " + sentence);
+        });
+        return out;
+    }
+
+    StoreTools::Outcome outcome_;
+};
+
+}  // namespace
+
+TEST_F(Tools, VerifyReadsEveryEntry) {
+    fill(5000);
+    EXPECT_TRUE(faults().empty());
+    EXPECT_EQ(outcome_.entries, 5000U);
+    EXPECT_TRUE(outcome_.result.durable);
+}
+
+TEST_F(Tools, VerifyNamesTheDamagedPlace) {
+    fill(3);
+    plant(std::string("\x28log\0\x19\x63", 7), "\x28 no end");
+    plant(std::string("\x28nokey", 6), std::string("\x18", 1));
+    const auto found = faults();
+    ASSERT_EQ(found.size(), 2U);
+    EXPECT_EQ(found[0], "[\"log\",99]: the value of 8 bytes does not decode");
+    EXPECT_EQ(found[1], "[<malformed: 6 bytes>]: the key does not decode");
+}
+
+TEST_F(Tools, VerifyStopsWhenAsked) {
+    fill(10000);
+    const auto outcome = StoreTools::verify(*store_, {}, [](std::uint64_t done) { return done < 5000; });
+    EXPECT_TRUE(outcome.stopped);
+    EXPECT_LT(outcome.entries, 10000U);
+}
+
+TEST_F(Tools, BackupIsRestoredElsewhere) {
+    fill(2000);
+    store_->setSite("site");
+    ASSERT_TRUE(store_->setLog({"audit", path("log"), StoreLog::Kind::central, false}).durable);
+    for (const bool compact : {false, true}) {
+        const std::string file = folder_ / "copy";
+        ASSERT_TRUE(StoreTools::backup(*store_, file, compact).durable);
+        const std::string target = folder_ / (compact ? "compact" : "plain");
+        ASSERT_TRUE(StoreTools::restore(file, target).durable);
+        const auto restored = other(compact ? "compact" : "plain");
+        EXPECT_EQ(restored->identity().site, "site");
+        EXPECT_EQ(restored->logs().size(), 1U);
+        EXPECT_EQ(StoreTools::verify(*restored, {}).entries, 2000U);
+    }
+}
+
+TEST_F(Tools, BackupIsOneMomentWhileOthersWrite) {
+    fill(1000);
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        // The two always move together, so a copy in which they differ is none of a moment.
+        for (long long i = 0; !stop; ++i) {
+            WriteBatch batch;
+            write(path("left"), std::to_string(i));
+            write(path("right"), std::to_string(i));
+            batch.commit();
+        }
+    });
+    for (int i = 0; i < 5; ++i) {
+        const std::string name = "moment" + std::to_string(i);
+        ASSERT_TRUE(StoreTools::backup(*store_, folder_ / "copy", i % 2 == 0).durable);
+        ASSERT_TRUE(StoreTools::restore(folder_ / "copy", folder_ / name).durable);
+        const auto restored = other(name);
+        const std::string left(restored->fetch(path("left")).view());
+        EXPECT_EQ(restored->fetch(path("right")).view(), left);
+    }
+    stop = true;
+    writer.join();
+}
+
+TEST_F(Tools, RestoreOverAStoreOrFromRubbishIsRefused) {
+    fill(1);
+    ASSERT_TRUE(StoreTools::backup(*store_, folder_ / "copy", true).durable);
+    EXPECT_NE(StoreTools::restore(folder_ / "copy", store_->path()).reason.find("holds a store already"),
+              std::string::npos);
+    EXPECT_NE(StoreTools::restore(folder_ / "none", folder_ / "new").reason.find("cannot read"),
+              std::string::npos);
+    folder_.write("rubbish", std::string(50000, 'r'));
+    EXPECT_FALSE(StoreTools::restore(folder_ / "rubbish", folder_ / "new").durable);
+    EXPECT_NE(access((folder_ / "new").c_str(), F_OK), 0);
+}
+
+TEST_F(Tools, CopyTakesEverythingAlong) {
+    fill(3000);
+    std::string reason;
+    ASSERT_TRUE(store_->bindSiteKey("ab", reason));
+    ASSERT_TRUE(store_->setLog({"audit", path("log"), StoreLog::Kind::central, true}).durable);
+    const auto target = other("target");
+    const auto outcome = StoreTools::copy(*store_, *target);
+    EXPECT_TRUE(outcome.result.durable) << outcome.result.reason;
+    EXPECT_EQ(outcome.entries, 3000U);
+    EXPECT_EQ(target->identity().siteKeyFingerprint, "ab");
+    EXPECT_TRUE(target->logs().at(0).anonymous);
+    EXPECT_EQ(target->fetch(key(path("log"), 2999)).view(), text("value 2999").bytes().view());
+    const auto foreign = other("foreign");
+    ASSERT_TRUE(foreign->bindSiteKey("cd", reason));
+    EXPECT_FALSE(StoreTools::copy(*store_, *foreign).result.durable);
+}
