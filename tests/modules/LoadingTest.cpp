@@ -21,9 +21,7 @@ class Library {
         if (handle_ == nullptr)
             ADD_FAILURE() << ::dlerror();
     }
-    ~Library() {
-        EXPECT_TRUE(handle_ == nullptr || ::dlclose(handle_) == 0);
-    }
+    ~Library() { EXPECT_TRUE(handle_ == nullptr || ::dlclose(handle_) == 0); }
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
 
