@@ -65,8 +65,8 @@ class QELNET_EXPORT RpcClient {
     /// Told now and then by the waiting thread; returning false cancels the call.
     using Progress = std::function<bool(const RpcProgress&)>;
 
-    /// `peer` must outlive it. `service` is the name of the RpcService. Lives on one connection: after it was
-    /// lost make a new one.
+    /// `peer` is connected, and outlives it. `service` is the name of the RpcService. Lives on one connection:
+    /// after it was lost make a new one.
     RpcClient(Peer* peer, const std::string& service);
     ~RpcClient();
     RpcClient(const RpcClient&) = delete;
@@ -83,7 +83,7 @@ class QELNET_EXPORT RpcClient {
 
   private:
     class Inner;
-    std::unique_ptr<Inner> inner_;
+    std::shared_ptr<Inner> inner_;
 };
 
 }  // namespace qel

@@ -127,30 +127,51 @@ class RpcQuery : public Client::Query {
 
 }  // namespace
 
+/// The query and what it needs. It is made on the peer's strand, so that no handler is called before it is set, and may
+/// be made after its client has gone already.
 class RpcClient::Inner {
   public:
-    Inner(Peer* peer, const std::string& service)
-        : client(peer, service.c_str()),
-          inbox(std::make_shared<Inbox>()),
-          query(std::make_shared<RpcQuery>(&client, inbox)) {}
+    Inner(Peer* peer, const std::string& service) : client(peer, service.c_str()) {}
 
-    void send(const Ref<Packet>& packet) {
-        client.getPeer()->getNetworkPeer()->post([weak = std::weak_ptr<RpcQuery>(query), packet] {
-            if (const auto open = weak.lock())
-                open->sendPacket(packet.get());
+    static void openOn(const std::shared_ptr<Inner>& self) {
+        self->network()->post([self] {
+            const std::lock_guard lock(self->mutex);
+            if (!self->over)
+                self->query = std::make_unique<RpcQuery>(&self->client, self->inbox);
         });
     }
+    static void send(const std::shared_ptr<Inner>& self, const Ref<Packet>& packet) {
+        self->network()->post([self, packet] {
+            const std::lock_guard lock(self->mutex);
+            if (self->query != nullptr)
+                self->query->sendPacket(packet.get());
+        });
+    }
+    void close() {
+        std::unique_ptr<RpcQuery> last;
+        const std::lock_guard lock(mutex);
+        over = true;
+        last.swap(query);
+    }
+
+    NetworkPeer* network() const { return client.getPeer()->getNetworkPeer(); }
 
     Client client;
-    std::shared_ptr<Inbox> inbox;
-    std::shared_ptr<RpcQuery> query;
+    const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
+    std::mutex mutex;  // for the two below
+    std::unique_ptr<RpcQuery> query;
+    bool over = false;
     std::atomic<bool> cancelled{false};
     long long lastCall = 0;
 };
 
 RpcClient::RpcClient(Peer* peer, const std::string& service)
-    : inner_(std::make_unique<Inner>(peer, service)) {}
-RpcClient::~RpcClient() = default;
+    : inner_(std::make_shared<Inner>(peer, service)) {
+    Inner::openOn(inner_);
+}
+RpcClient::~RpcClient() {
+    inner_->close();
+}
 
 bool RpcClient::open(unsigned milliseconds, std::string& reason) {
     return inner_->inbox->waitOpen(std::chrono::milliseconds(milliseconds), reason);
@@ -162,7 +183,7 @@ void RpcClient::cancel() {
 
 RpcReply RpcClient::call(const RpcRequest& request, const Progress& progress) {
     rpc::ClientCall call(++inner_->lastCall, request,
-                         [this](const Ref<Packet>& packet) { inner_->send(packet); });
+                         [this](const Ref<Packet>& packet) { Inner::send(inner_, packet); });
     inner_->inbox->clear();
     call.start();
     auto lastSign = SteadyClock::now();
