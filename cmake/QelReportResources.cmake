@@ -1,8 +1,8 @@
-# qel_embed_report_resources(TARGET): puts the three files that every report page loads into a program.
+# qel_embed_report_resources(TARGET SYMBOL): puts the three files that every report page loads into a program.
 #
 # The resource table belongs to the program, not to the library, so that a host can bring its own art.
 # d3 is fetched by npm in the exact release of package-lock.json and embedded unchanged.
-function(qel_embed_report_resources target)
+function(qel_embed_report_resources target symbol)
   set(d3 ${PROJECT_SOURCE_DIR}/node_modules/d3/dist/d3.min.js)
   if(NOT EXISTS ${d3})
     find_program(QEL_NPM npm REQUIRED)
@@ -14,7 +14,7 @@ function(qel_embed_report_resources target)
     endif()
   endif()
   set(art ${PROJECT_SOURCE_DIR}/resources)
-  qel_embed(${target} report_resources
+  qel_embed(${target} ${symbol}
     "tmpl-d3.min.js" ${d3}
     "tmpl-zorvik-icon.png" ${art}/zorvik-icon.png
     "tmpl-zorvik-slogan.png" ${art}/zorvik-slogan.png)

@@ -43,6 +43,13 @@ class QELAUDITING_EXPORT AuditCSVtoHtmlReportConverter : public Delegate<List<St
     Vector<String> interactionLogLines() const;
     Vector<String> auditLogLines() const;
 
+    /// The times of the first and the last dated line (of the two logs, the earlier first and the later last);
+    /// false, with both as they were, when no line has a plausible date.
+    bool coveredPeriod(UTCDateTime& first, UTCDateTime& last) const;
+
+    /// How many dated lines lie before `start` or after `end`.
+    long long countLinesOutside(UTCDateTime start, UTCDateTime end) const;
+
     /// Writes `targetDir`/usage_report.html: sixteen charts, nineteen with photodoc details, less those that
     /// nothing was counted for; then the resource files. Times are microseconds since 1970 UTC and only label
     /// the page: every dated line counts. Failed writes go unnoticed; the page is made whole before it is

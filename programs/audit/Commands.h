@@ -17,6 +17,7 @@ int runInit(CommandLine& line);
 int runEnroll(CommandLine& line);
 int runRecord(CommandLine& line);
 int runQueue(CommandLine& line);
+int runReport(CommandLine& line);
 int runSimulate(CommandLine& line);
 
 }  // namespace qel::programs

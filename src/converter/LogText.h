@@ -18,4 +18,10 @@ void forEachLine(std::string_view text, const Use& use) {
     }
 }
 
+/// The stored lines of a log as a range of text: everything behind the header line.
+inline std::string_view storedText(std::string_view text) {
+    const std::size_t header = text.find('\n');
+    return header == std::string_view::npos ? std::string_view() : text.substr(header + 1);
+}
+
 }  // namespace qel
