@@ -38,9 +38,11 @@ struct ReportOptions {
         line.requiredText("--audit", "FILE", audit, "exported audit log");
         line.requiredText("--out", "DIR", out, "folder for the page and its three files, made when missing");
         line.time("--from", from, "begin of the period written on the page (default: the first dated line)");
-        line.time("--to", to, "end of that period (default: the last dated line); nothing is left out by either");
+        line.time("--to", to,
+                  "end of that period (default: the last dated line); nothing is left out by either");
         line.text("--server", "NAME", server, "name of the server written on the page");
-        line.flag("--raw", raw, "write texts of the logs into the page as they are, markup and scripts included");
+        line.flag("--raw", raw,
+                  "write texts of the logs into the page as they are, markup and scripts included");
         line.flag("--strict", strict, "exit with 1 when a text had to be changed");
     }
 };
@@ -59,7 +61,8 @@ void warnAboutShape(const Output& output, const std::string& file, std::string_v
     if (first.ends_with('\r'))
         first.remove_suffix(1);
     if (first != exportHeader)
-        output.warning(file + ": the first line is not the header of an exported log; it is left out as if it were");
+        output.warning(file +
+                       ": the first line is not the header of an exported log; it is left out as if it were");
     else if (text.find('\n') == std::string_view::npos || text.find('\n') + 1 == text.size())
         output.warning(file + ": holds no event");
 }
@@ -165,7 +168,8 @@ class ReportInput {
 };
 
 /// Tells what was made and what was changed on the way; the exit code that follows from it.
-int conclude(Output& output, const ReportOptions& options, const ReportInput& input, const std::string& page) {
+int conclude(Output& output, const ReportOptions& options, const ReportInput& input,
+             const std::string& page) {
     const std::uint64_t changed = input.guard().changedTexts();
     if (changed > 0)
         output.warning("replaced characters that could act in a page, in " + grouped(changed) +
@@ -192,11 +196,14 @@ int runUsage(CommandLine& line) {
     std::string groups;
     bool details = false;
     line.describe(
-        "Writes usage_report.html: who used the system, what was viewed, shared and retrieved, month by month. "
+        "Writes usage_report.html: who used the system, what was viewed, shared and retrieved, month by "
+        "month. "
         "Every dated line counts, whatever period is written on the page.");
     line.describe(
-        "Characters of the logs that could act in the page (quotes, angle brackets, control and direction marks, "
-        "backslashes) are replaced by look-alikes; how many texts that were, and in which lines, is said at the "
+        "Characters of the logs that could act in the page (quotes, angle brackets, control and direction "
+        "marks, "
+        "backslashes) are replaced by look-alikes; how many texts that were, and in which lines, is said at "
+        "the "
         "end. --raw leaves them as they are.");
     options.declare(line);
     line.text("--groups", "FILE|system", groups,
@@ -219,10 +226,12 @@ int runUsage(CommandLine& line) {
 int runTeleradiology(CommandLine& line) {
     ReportOptions options;
     line.describe(
-        "Writes teleradiology_report.html: the daily constancy checks, lux meter readings and speed tests of the "
+        "Writes teleradiology_report.html: the daily constancy checks, lux meter readings and speed tests of "
+        "the "
         "audit log. The interaction log must be readable too; an empty file serves.");
     options.declare(line);
-    line.example("qel-audit report teleradiology --interaction interaction.csv --audit audit.csv --out report");
+    line.example(
+        "qel-audit report teleradiology --interaction interaction.csv --audit audit.csv --out report");
     if (const auto code = line.parse())
         return *code;
 

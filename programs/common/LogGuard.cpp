@@ -62,7 +62,8 @@ void LogGuard::note(Changes& changes, Danger danger, std::string_view text, std:
     if (danger == Danger::none || (danger == Danger::backslash && !backslashed_.emplace(text).second))
         return;
     ++changes.texts;
-    if (line != 0 && changes.lines.size() < linesShown && (changes.lines.empty() || changes.lines.back() != line))
+    if (line != 0 && changes.lines.size() < linesShown &&
+        (changes.lines.empty() || changes.lines.back() != line))
         changes.lines.push_back(line);
 }
 
@@ -92,7 +93,8 @@ std::string LogGuard::account() const {
     for (const Changes& changes : changes_) {
         if (changes.texts == 0)
             continue;
-        account += (account.empty() ? "" : ", ") + std::to_string(changes.texts) + " in the " + changes.source;
+        account +=
+            (account.empty() ? "" : ", ") + std::to_string(changes.texts) + " in the " + changes.source;
         std::string lines;
         for (const std::uint64_t line : changes.lines)
             lines += (lines.empty() ? "" : ", ") + std::to_string(line);

@@ -85,8 +85,9 @@ void ReportFolder::requireWholePage(const std::string& page) const {
 void ReportFolder::requireResource(const std::string& resource, const std::string& file) const {
     const ConstByteSpan bytes = resources::find(resource.c_str());
     if (bytes.isNull())
-        throw Failure(exitInputOutput, folder_ + '/' + file + ": this program was built without it, expected \"" +
-                                           resource + "\" among its resources");
+        throw Failure(exitInputOutput, folder_ + '/' + file +
+                                           ": this program was built without it, expected \"" + resource +
+                                           "\" among its resources");
     std::error_code error;
     const auto size = std::filesystem::file_size(work_ + '/' + file, error);
     if (error || size != bytes.size() || endOf(work_ + '/' + file, bytes.size()) != bytes.view())
