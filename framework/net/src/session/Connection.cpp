@@ -164,7 +164,8 @@ void Connection::submit(WriteBatch& batch, std::uint64_t number, bool holding, s
 void Connection::committed(std::uint64_t number, std::size_t bytes, bool durable, const std::string& reason) {
     --batchesUnderWay_;
     uncommittedBytes_ -= bytes;
-    if (ended_)
+    // Once it is closing, also what a later batch would let go stays here: it may stand behind a lost one.
+    if (ended_ || closing_)
         return;
     if (!durable) {
         setup_.counters->commitsFailed++;

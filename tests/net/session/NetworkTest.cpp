@@ -1,0 +1,290 @@
+#include "qelNet/Network.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "qelCore/logging/CaptureSink.h"
+#include "support/EchoService.h"
+#include "support/TestSite.h"
+
+namespace qel {
+namespace {
+
+using test::EchoQuery;
+using test::EchoService;
+using test::eventually;
+using test::makeEcho;
+
+constexpr long long microsecondsPerDay = 86'400'000'000LL;
+
+long long now() {
+    using namespace std::chrono;
+    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+/// A server and its clients in one process, over real sockets and TLS.
+class NetworkTest : public testing::Test {
+  protected:
+    std::string listen(std::shared_ptr<Credentials> credentials = nullptr, NetworkLimits limits = {}) {
+        const Listening listening =
+            server_.listen("127.0.0.1:0", {&service_}, credentials ? credentials : site_.server(), limits);
+        EXPECT_TRUE(listening) << listening.error;
+        return listening.address;
+    }
+
+    /// A client whose query is made anew at each connection.
+    struct Workstation {
+        std::shared_ptr<Peer> peer;
+        std::unique_ptr<Client> client;
+        std::unique_ptr<EchoQuery> query;
+        std::atomic<int> connects{0};
+        std::atomic<int> losses{0};
+        std::mutex mutex;
+        std::string reason;
+
+        std::string lastReason() {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return reason;
+        }
+        ~Workstation() {
+            if (peer) {
+                std::promise<void> gone;
+                peer->getNetworkPeer()->post([&] {
+                    query.reset();
+                    gone.set_value();
+                });
+                gone.get_future().wait();
+            }
+        }
+        void send(long long number, std::size_t bytes = 0) {
+            peer->getNetworkPeer()->post([this, number, bytes] {
+                if (query)
+                    query->sendPacket(makeEcho(number, bytes).get());
+            });
+        }
+        bool waitFor(std::size_t count) {
+            return eventually([&] { return query && query->numbers().size() >= count; });
+        }
+    };
+
+    std::unique_ptr<Workstation> connect(const std::vector<std::string>& servers,
+                                         std::shared_ptr<Credentials> credentials = nullptr,
+                                         ConnectOptions options = {}, const char* serviceName = "echo",
+                                         short sessionType = test::echoSession) {
+        auto station = std::make_unique<Workstation>();
+        Workstation* raw = station.get();
+        options.backoffMilliseconds = 20;
+        options.connected = [raw, serviceName, sessionType](Peer& peer) {
+            raw->query.reset();
+            raw->client = std::make_unique<Client>(&peer, serviceName);
+            raw->query = std::make_unique<EchoQuery>(raw->client.get(), sessionType);
+            raw->query->setClosedHandler([raw](const std::string& why) {
+                const std::lock_guard<std::mutex> lock(raw->mutex);
+                raw->reason = why;
+            });
+            ++raw->connects;
+        };
+        options.lost = [raw](Peer&, const std::string& why, bool) {
+            const std::lock_guard<std::mutex> lock(raw->mutex);
+            raw->reason = why;
+            ++raw->losses;
+        };
+        station->peer = client_.connect(servers, credentials ? credentials : site_.workstation(), options);
+        return station;
+    }
+
+    test::TestSite site_;
+    EchoService service_;
+    Network server_;
+    Network client_;
+    logging::CaptureSink log_;
+};
+
+TEST_F(NetworkTest, PacketsGoThereAndBack) {
+    const auto station = connect({listen()});
+    ASSERT_TRUE(eventually([&] { return station->connects == 1; })) << station->lastReason();
+    for (long long number = 1; number <= 100; ++number)
+        station->send(number);
+    ASSERT_TRUE(station->waitFor(100));
+    std::vector<long long> expected;
+    for (long long number = 1; number <= 100; ++number)
+        expected.push_back(number);
+    EXPECT_EQ(station->query->numbers(), expected);
+    EXPECT_EQ(service_.users, std::vector<std::string>{"mueller@WS-07"});
+}
+
+TEST_F(NetworkTest, PacketAsLargeAsAFrameArrives) {
+    const auto station = connect({listen()});
+    ASSERT_TRUE(eventually([&] { return station->connects == 1; }));
+    station->send(1, 1024 * 1024 - 100);
+    station->send(2, 1024 * 1024);
+    station->send(3);
+    ASSERT_TRUE(station->waitFor(2));
+    EXPECT_EQ(station->query->numbers(), (std::vector<long long>{1, 3}));
+    EXPECT_TRUE(log_.contains("was not sent; it accepts at most 1048576"));
+}
+
+TEST_F(NetworkTest, ClientWithoutCertificateOfTheAuthorityIsRefusedWithAReason) {
+    test::TestSite other("Foreign authority");
+    CredentialFiles files = other.workstationFiles("intruder", "elsewhere");
+    files.authority = site_.authorityFile();
+    const auto station = connect({listen()}, test::TestSite::load(files));
+    ASSERT_TRUE(log_.waitFor(
+        "is refused: the certificate \"intruder\" of \"elsewhere\" of the other end was issued by "
+        "\"Foreign authority\"; expected the authority \"Test authority\""));
+    ASSERT_TRUE(eventually([&] {
+        return station->lastReason().find("refuses our certificate \"intruder\" of \"elsewhere\"") !=
+               std::string::npos;
+    })) << station->lastReason();
+    EXPECT_EQ(service_.attached, 0);
+    EXPECT_EQ(station->connects, 0);
+}
+
+TEST_F(NetworkTest, ExpiredCertificateIsNamedWithItsDatesAtBothEnds) {
+    const Validity past{now() - 10 * microsecondsPerDay, now() - microsecondsPerDay};
+    const auto station = connect({listen()}, site_.workstation("late", "WS-01", past));
+    ASSERT_TRUE(log_.waitFor("the certificate \"late\" of \"WS-01\" of the other end expired at "));
+    ASSERT_TRUE(eventually([&] {
+        return station->lastReason().find("as out of its dates; it is valid from ") != std::string::npos;
+    })) << station->lastReason();
+}
+
+TEST_F(NetworkTest, CertificateOfTomorrowIsRefused) {
+    const Validity future{now() + microsecondsPerDay, now() + 10 * microsecondsPerDay};
+    const auto station = connect({listen()}, site_.workstation("early", "WS-01", future));
+    ASSERT_TRUE(log_.waitFor("the certificate \"early\" of \"WS-01\" of the other end is valid only from "));
+}
+
+TEST_F(NetworkTest, ServerOfAnotherNameIsRefused) {
+    const auto station = connect({listen(site_.server("server.example"))});
+    ASSERT_TRUE(eventually([&] {
+        return station->lastReason().find(
+                   "is for DNS:server.example, DNS:localhost; expected \"127.0.0.1\"") != std::string::npos;
+    })) << station->lastReason();
+    EXPECT_TRUE(log_.waitFor(
+        "the other end refuses our certificate \"server.example\": it is for DNS:server.example"));
+    EXPECT_EQ(service_.attached, 0);
+}
+
+TEST_F(NetworkTest, ConfiguredServerNameIsExpectedInsteadOfTheAddress) {
+    ConnectOptions options;
+    options.serverName = "server.example";
+    const auto station = connect({listen(site_.server("server.example"))}, nullptr, options);
+    EXPECT_TRUE(eventually([&] { return station->connects == 1; })) << station->lastReason();
+}
+
+TEST_F(NetworkTest, WorkstationCertificateDoesNotPassForAServer) {
+    CredentialFiles files = site_.workstationFiles("127.0.0.1", "localhost");
+    const auto station = connect({listen(test::TestSite::load(files))});
+    ASSERT_TRUE(eventually([&] {
+        return station->lastReason().find("is not meant for this end") != std::string::npos;
+    })) << station->lastReason();
+}
+
+TEST_F(NetworkTest, RevokedCertificateIsRefusedAfterReload) {
+    const CredentialFiles files = site_.serverFiles();
+    const auto credentials = test::TestSite::load(files);
+    const std::string address = listen(credentials);
+    const CredentialFiles mine = site_.workstationFiles("gone", "WS-13");
+    {
+        const auto station = connect({address}, test::TestSite::load(mine));
+        ASSERT_TRUE(eventually([&] { return station->connects == 1; }));
+    }
+    std::string error;
+    ASSERT_TRUE(site_.authority().revoke(mine.certificate, files.revoked, error)) << error;
+    EXPECT_TRUE(credentials->reloadIfChanged(error)) << error;
+    const auto station = connect({address}, test::TestSite::load(mine));
+    ASSERT_TRUE(log_.waitFor("the certificate \"gone\" of \"WS-13\" of the other end was revoked"));
+    EXPECT_TRUE(eventually([&] { return station->lastReason().find("as revoked") != std::string::npos; }));
+    const auto innocent = connect({address});
+    EXPECT_TRUE(eventually([&] { return innocent->connects == 1; }));
+}
+
+TEST_F(NetworkTest, CertificateIsRenewedInPlaceWithoutClosingConnections) {
+    const CredentialFiles files = site_.serverFiles();
+    const auto credentials = test::TestSite::load(files);
+    const std::string address = listen(credentials);
+    const auto before = connect({address});
+    ASSERT_TRUE(eventually([&] { return before->connects == 1; }));
+    const long long validUntil = credentials->getValidUntil();
+    std::string error;
+    ASSERT_TRUE(site_.authority().issueServer({"127.0.0.1"}, files.certificate, files.key, error,
+                                              {0, now() + 30 * microsecondsPerDay}));
+    ASSERT_TRUE(credentials->reload(error)) << error;
+    EXPECT_LT(credentials->getValidUntil(), validUntil);
+    const auto after = connect({address});
+    ASSERT_TRUE(eventually([&] { return after->connects == 1; }));
+    before->send(7);
+    EXPECT_TRUE(before->waitFor(1));
+    EXPECT_EQ(before->losses, 0);
+}
+
+TEST_F(NetworkTest, UnknownServiceAndSessionTypeAreRefusedWithASentenceAtBothEnds) {
+    const std::string address = listen();
+    const auto lost = connect({address}, nullptr, {}, "nowhere");
+    EXPECT_TRUE(eventually([&] { return lost->lastReason() == "there is no service \"nowhere\" here"; }));
+    const auto odd = connect({address}, nullptr, {}, "echo", 77);
+    EXPECT_TRUE(
+        eventually([&] { return odd->lastReason() == "the service \"echo\" has no sessions of type 77"; }));
+    EXPECT_EQ(log_.count("there is no service \"nowhere\" here"), 2);
+    EXPECT_EQ(log_.count("the service \"echo\" has no sessions of type 77"), 2);
+    EXPECT_EQ(lost->losses, 0);
+}
+
+TEST_F(NetworkTest, ClientConnectsAgainWhenTheServerComesBack) {
+    auto first = std::make_unique<Network>();
+    const auto credentials = site_.server();
+    const Listening listening = first->listen("127.0.0.1:0", {&service_}, credentials);
+    ASSERT_TRUE(listening) << listening.error;
+    const auto station = connect({listening.address});
+    ASSERT_TRUE(eventually([&] { return station->connects == 1; }));
+    first->stop("closed for the night");
+    EXPECT_TRUE(log_.waitFor("closed for the night"));
+    ASSERT_TRUE(eventually([&] { return station->losses >= 1; }));
+    EXPECT_TRUE(station->peer->getNetworkPeer()->cannotSend());
+    ASSERT_TRUE(server_.listen(listening.address, {&service_}, credentials));
+    ASSERT_TRUE(eventually([&] { return station->connects == 2; })) << station->lastReason();
+    station->send(5);
+    EXPECT_TRUE(station->waitFor(1));
+    first.reset();
+}
+
+TEST_F(NetworkTest, ServersAreTriedInOrder) {
+    const auto station = connect({"127.0.0.1:1", "no-such-host.invalid:1", listen()});
+    EXPECT_TRUE(eventually([&] { return station->connects == 1; })) << station->lastReason();
+    EXPECT_TRUE(log_.contains("127.0.0.1:1 cannot be reached"));
+    EXPECT_TRUE(log_.contains("the name of no-such-host.invalid:1 cannot be resolved"));
+}
+
+TEST_F(NetworkTest, ConnectionsOverTheLimitAreToldSo) {
+    NetworkLimits limits;
+    limits.connectionsPerAddress = 1;
+    const std::string address = listen(nullptr, limits);
+    const auto first = connect({address});
+    ASSERT_TRUE(eventually([&] { return first->connects == 1; }));
+    const auto second = connect({address});
+    EXPECT_TRUE(eventually(
+        [&] { return second->lastReason().find("the limit for one address") != std::string::npos; }));
+    EXPECT_EQ(second->connects, 0);
+    first->send(1);
+    EXPECT_TRUE(first->waitFor(1));
+}
+
+TEST_F(NetworkTest, SessionsAreReleasedWhenTheClientGoes) {
+    {
+        const auto station = connect({listen()});
+        ASSERT_TRUE(eventually([&] { return service_.attached == 1; }));
+    }
+    EXPECT_TRUE(eventually([&] { return service_.released == 1; }));
+    EXPECT_TRUE(eventually([&] { return server_.getStatistics().connectionsNow == 0; }));
+    EXPECT_EQ(server_.getStatistics().sessionsNow, 0u);
+}
+
+TEST_F(NetworkTest, ServiceIsTicked) {
+    listen();
+    EXPECT_TRUE(eventually([&] { return service_.ticks >= 1; }));
+}
+
+}  // namespace
+}  // namespace qel
