@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "auditing/AuditProtocol.h"
+#include "qelCore/Ref.h"
 #include "transport/AuditSession.h"
 
 namespace qel {
@@ -12,10 +13,8 @@ AuditService::AuditService(const Item& path, const char* name, bool anonymous)
       path_(path),
       anonymous_(anonymous),
       statistics_(std::make_shared<AuditServiceStatistics>()) {
-    auto* factory = new SessionFactory<AuditSession>();
-    factory->increaseReferenceCount();
-    registerSessionFactory(AuditProtocol::AuditSession::sessionType, factory);
-    factory->decreaseReferenceCount();
+    const auto factory = makeRef<SessionFactory<AuditSession>>();
+    registerSessionFactory(AuditProtocol::AuditSession::sessionType, factory.get());
 }
 
 AuditService::AuditService(const AuditService& other) = default;

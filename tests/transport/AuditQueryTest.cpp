@@ -244,14 +244,16 @@ TEST_F(AuditQueryTest, SessionOfTypeThreeIsAskedFor) {
 TEST_F(AuditQueryTest, ClassNamesAndChainsEndInTheClassItself) {
     EXPECT_STREQ(query_->getDynamicClassName(), "AuditQuery");
     const std::array<const char*, 16> chain = query_->getDynamicClassChain();
-    EXPECT_STREQ(chain[0], "Service");
-    EXPECT_STREQ(chain[1], "Query");
-    EXPECT_STREQ(chain[2], "AuditQuery");
-    EXPECT_EQ(chain[3], nullptr);
+    EXPECT_STREQ(chain[0], "Object");
+    EXPECT_STREQ(chain[1], "Service");
+    EXPECT_STREQ(chain[2], "Query");
+    EXPECT_STREQ(chain[3], "AuditQuery");
+    EXPECT_EQ(chain[4], nullptr);
     EXPECT_STREQ(client_.getDynamicClassName(), "AuditClient");
-    EXPECT_STREQ(client_.getDynamicClassChain()[0], "Client");
-    EXPECT_STREQ(client_.getDynamicClassChain()[1], "AuditClient");
-    EXPECT_EQ(client_.getDynamicClassChain()[2], nullptr);
+    EXPECT_STREQ(client_.getDynamicClassChain()[0], "Object");
+    EXPECT_STREQ(client_.getDynamicClassChain()[1], "Client");
+    EXPECT_STREQ(client_.getDynamicClassChain()[2], "AuditClient");
+    EXPECT_EQ(client_.getDynamicClassChain()[3], nullptr);
 }
 
 TEST_F(AuditQueryTest, ClientsCopyAndMoveTheirPeerAndName) {

@@ -249,15 +249,17 @@ TEST_F(AuditServiceTest, ClassNamesAndChainsEndInTheClassItself) {
     EXPECT_STREQ(AuditService::getStaticClassName(), "AuditService");
     EXPECT_STREQ(service_.getDynamicClassName(), "AuditService");
     const std::array<const char*, 16> chain = service_.getDynamicClassChain();
-    EXPECT_STREQ(chain[0], "Service");
-    EXPECT_STREQ(chain[1], "AuditService");
-    EXPECT_EQ(chain[2], nullptr);
+    EXPECT_STREQ(chain[0], "Object");
+    EXPECT_STREQ(chain[1], "Service");
+    EXPECT_STREQ(chain[2], "AuditService");
+    EXPECT_EQ(chain[3], nullptr);
     EXPECT_EQ(chain, AuditService::getStaticClassChain());
     AttachedSession session(service_, anna_);
     EXPECT_STREQ(session.session().getDynamicClassName(), "AuditSession");
-    EXPECT_STREQ(session.session().getDynamicClassChain()[0], "Session");
-    EXPECT_STREQ(session.session().getDynamicClassChain()[1], "AuditSession");
-    EXPECT_EQ(session.session().getDynamicClassChain()[2], nullptr);
+    EXPECT_STREQ(session.session().getDynamicClassChain()[0], "Object");
+    EXPECT_STREQ(session.session().getDynamicClassChain()[1], "Session");
+    EXPECT_STREQ(session.session().getDynamicClassChain()[2], "AuditSession");
+    EXPECT_EQ(session.session().getDynamicClassChain()[3], nullptr);
 }
 
 }  // namespace

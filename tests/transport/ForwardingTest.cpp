@@ -92,8 +92,8 @@ TEST_F(ForwardingTest, RecordedEventsArriveInOrderAndLeaveTheQueue) {
 }
 
 TEST_F(ForwardingTest, NoMoreThanTheWindowIsUnacknowledged) {
-    record(200);
     transport_.deliver();
+    record(200);
     transport_.holdToClient(true);
     query_->processEvents();
     transport_.deliver();
@@ -107,8 +107,8 @@ TEST_F(ForwardingTest, NoMoreThanTheWindowIsUnacknowledged) {
 }
 
 TEST_F(ForwardingTest, LostAcknowledgementsLeaveOneRecordEach) {
-    record(50);
     transport_.deliver();
+    record(50);
     transport_.holdToClient(true);
     query_->processEvents();
     transport_.deliver();
@@ -194,6 +194,7 @@ TEST_F(ForwardingTest, EventOfEveryElementTypeArrivesAsItWas) {
 
 TEST_F(ForwardingTest, ServiceOfAnotherNameRefusesTheQueryAndTheQueueKeepsItsEvents) {
     logging::CaptureSink log;
+    transport_.deliver();
     AuditClient stranger(transport_.getPeer(), "no such service");
     AuditClient::AuditQuery query(&stranger, sequence_);
     record(5);
