@@ -1,4 +1,5 @@
 #include "audit/Commands.h"
+#include "common/ServiceManager.h"
 
 namespace qel::programs {
 
@@ -6,6 +7,10 @@ const std::vector<Command>& auditCommands() {
     static const std::vector<Command> commands{
         {"init", "make a new site, or one more server of a site", runInit},
         {"enroll", "make the identities of workstations", runEnroll},
+        {"record", "put events into the local queue", runRecord},
+        {"forward", "send the queues to the service", runForward},
+        {"queue", "tell what waits in the queues", runQueue},
+        {"export", "write a range of a log of a store on this machine", runExport},
         {"report", "turn exported logs into a report page", runReport},
         {"simulate", "write the events of an imagined site", runSimulate},
     };
@@ -13,6 +18,7 @@ const std::vector<Command>& auditCommands() {
 }
 
 int runAudit(const std::vector<std::string>& arguments) {
+    setUpCommandLog();
     return dispatch("qel-audit", "Record, forward, export and report audit events", auditCommands(),
                     arguments);
 }

@@ -16,7 +16,9 @@ int runAudit(const std::vector<std::string>& arguments);
 int runInit(CommandLine& line);
 int runEnroll(CommandLine& line);
 int runRecord(CommandLine& line);
+int runForward(CommandLine& line);
 int runQueue(CommandLine& line);
+int runExport(CommandLine& line);
 int runReport(CommandLine& line);
 int runSimulate(CommandLine& line);
 

@@ -10,10 +10,6 @@
 
 namespace qel::programs {
 
-/// The path of a log in the store, as configurations write it: parts separated by "/".
-/// Throws Failure(78) when nothing is between two of them.
-Item logPath(const std::string& text);
-
 /// Largest event that a workstation takes into its queue, in bytes: what a service accepts by default, so that
 /// nothing is queued that cannot be delivered.
 constexpr std::size_t largestEvent = 60 * 1024;
@@ -54,9 +50,5 @@ class Workstation {
     AuditSequence interaction_;
     AuditSequence audit_;
 };
-
-/// Reads the credentials that a configuration names; throws Failure(78) with the fault.
-std::shared_ptr<Credentials> loadCredentials(const ConfigBase& config, const TlsConfig& tls,
-                                             const std::string& siteKey = {});
 
 }  // namespace qel::programs

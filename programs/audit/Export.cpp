@@ -1,0 +1,135 @@
+#include "auditing/AuditExport.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "audit/Commands.h"
+#include "common/CentralStore.h"
+#include "common/CsvCheck.h"
+#include "common/Failure.h"
+#include "common/Folders.h"
+#include "common/Output.h"
+#include "common/Progress.h"
+
+namespace qel::programs {
+namespace {
+
+/// A file that takes its name when it is whole; what is left of a failed attempt goes.
+class NewFile {
+  public:
+    explicit NewFile(std::string file) : file_(std::move(file)) {
+        const std::filesystem::path parent = std::filesystem::path(file_).parent_path();
+        if (!parent.empty())
+            createFolder(parent.string());
+        std::error_code error;
+        const auto status = std::filesystem::status(file_, error);
+        if (std::filesystem::is_directory(status))
+            throw systemFailure(exitCannotCreate, file_, EISDIR);
+        // A device or a pipe is written to as it is.
+        direct_ = std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
+        if (!direct_)
+            requireWritable();
+    }
+    ~NewFile() {
+        if (!direct_ && !done_)
+            ::unlink(path().c_str());
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    bool isDirect() const { return direct_; }
+    std::string path() const { return direct_ ? file_ : file_ + ".part"; }
+
+    void finish() {
+        if (!direct_ && ::rename(path().c_str(), file_.c_str()) != 0)
+            throw systemFailure(exitCannotCreate, file_, errno);
+        done_ = true;
+    }
+
+  private:
+    void requireWritable() const {
+        if (FILE* file = std::fopen(path().c_str(), "we"); file)
+            std::fclose(file);
+        else
+            throw systemFailure(exitCannotCreate, file_, errno);
+    }
+
+    std::string file_;
+    bool direct_ = false;
+    bool done_ = false;
+};
+
+/// Looks whether the file is what was promised: the header, each event, and the line breaks inside values. While the
+/// log grows, what it held before and after the writing are the bounds.
+FileFacts checkExport(const std::string& file, const Item& log, const TimeSpan& from, const TimeSpan& to,
+                      const RangeFacts& before) {
+    const FileFacts found = measureFile(file);
+    if (!found.headed)
+        throw Failure(exitInputOutput, file + ": does not begin with the header, the export failed");
+    if (found.lines == before.lines())
+        return found;
+    const RangeFacts after = measureRange(log, from.first, to.last);
+    if (found.lines < before.lines() || found.lines > after.lines())
+        throw Failure(exitInputOutput, file + ": holds " + grouped(found.lines) + " lines, expected " +
+                                           grouped(before.lines()) + " to " + grouped(after.lines()) +
+                                           "; the export failed");
+    return found;
+}
+
+}  // namespace
+
+int runExport(CommandLine& line) {
+    std::string url;
+    std::string log;
+    std::string out;
+    std::optional<TimeSpan> from;
+    std::optional<TimeSpan> to;
+    line.describe(
+        "Writes the events of a time range as semicolon-separated text, times in German local time, nothing "
+        "quoted. Both "
+        "ends of the range are included; a day, month, quarter or year means all of it. The store must lie "
+        "on this "
+        "machine and may be in use. An event in the audit trail tells who exported what.");
+    line.requiredText("--store", "URL", url, "lmdb:PATH or postgresql://…");
+    line.requiredChoice("--log", log, {"interaction", "audit"}, "which of the two logs");
+    line.requiredTime("--from", from, "first time, included");
+    line.requiredTime("--to", to, "last time, included");
+    line.requiredText("--out", "FILE", out, "file to write, replaced when it exists");
+    line.example("qel-audit export --store lmdb:store --log audit \\");
+    line.example("    --from 2026-Q1 --to 2026-Q1 --out audit.csv");
+    if (const auto code = line.parse())
+        return *code;
+
+    Output output(line.name(), line.quiet(), line.json());
+    CentralStore central(url);
+    const StoreLog target = central.centralLog(log);
+    central.centralLog("audit");
+    central.requireTrace();
+    NewFile file(out);
+
+    const Progress clock("", 0, true);
+    const RangeFacts expected = measureRange(target.path, from->first, to->last);
+    AuditExport::exportCSV(file.path().c_str(), target.path, from->first, to->last);
+    FileFacts found{0, expected.lines(), true};
+    if (!file.isDirect())
+        found = checkExport(file.path(), target.path, *from, *to, expected);
+    const std::uint64_t rows = found.lines - 1 - expected.lineBreaks;
+    central.leaveTrace("export", log, from->first, to->last, rows, found.bytes);
+    file.finish();
+
+    output.message("wrote " + grouped(rows) + (rows == 1 ? " event to " : " events to ") + out + ", " +
+                   rateOf(rows, clock.seconds()));
+    if (const std::string shifts = describeShifts(expected); !shifts.empty())
+        output.warning(shifts);
+    output.result().add("events", static_cast<std::int64_t>(rows));
+    output.result().add("lines", static_cast<std::int64_t>(found.lines));
+    output.result().add("bytes", static_cast<std::int64_t>(found.bytes));
+    output.result().add("shiftingValues", static_cast<std::int64_t>(expected.shiftingValues));
+    output.result().add("file", out);
+    output.finish();
+    return exitDone;
+}
+
+}  // namespace qel::programs
