@@ -17,7 +17,7 @@ namespace qel {
 namespace {
 
 // One read or write moves at most this much, well below the 2 GiB that the system moves in one call.
-constexpr std::size_t blockSize = 256 * 1024;
+constexpr std::size_t blockSize = std::size_t{256} * 1024;
 
 class FileHandle {
   public:
