@@ -2,19 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <future>
-
-#include "qelCore/logging/CaptureSink.h"
-#include "support/EchoService.h"
-#include "support/TestSite.h"
+#include "support/NetworkFixture.h"
 
 namespace qel {
 namespace {
 
-using test::EchoQuery;
-using test::EchoService;
 using test::eventually;
-using test::makeEcho;
+using test::NetworkTest;
 
 constexpr long long microsecondsPerDay = 86'400'000'000LL;
 
@@ -22,84 +16,6 @@ long long now() {
     using namespace std::chrono;
     return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
 }
-
-/// A server and its clients in one process, over real sockets and TLS.
-class NetworkTest : public testing::Test {
-  protected:
-    std::string listen(std::shared_ptr<Credentials> credentials = nullptr, NetworkLimits limits = {}) {
-        const Listening listening =
-            server_.listen("127.0.0.1:0", {&service_}, credentials ? credentials : site_.server(), limits);
-        EXPECT_TRUE(listening) << listening.error;
-        return listening.address;
-    }
-
-    /// A client whose query is made anew at each connection.
-    struct Workstation {
-        std::shared_ptr<Peer> peer;
-        std::unique_ptr<Client> client;
-        std::unique_ptr<EchoQuery> query;
-        std::atomic<int> connects{0};
-        std::atomic<int> losses{0};
-        std::mutex mutex;
-        std::string reason;
-
-        std::string lastReason() {
-            const std::lock_guard<std::mutex> lock(mutex);
-            return reason;
-        }
-        ~Workstation() {
-            if (peer) {
-                std::promise<void> gone;
-                peer->getNetworkPeer()->post([&] {
-                    query.reset();
-                    gone.set_value();
-                });
-                gone.get_future().wait();
-            }
-        }
-        void send(long long number, std::size_t bytes = 0) {
-            peer->getNetworkPeer()->post([this, number, bytes] {
-                if (query)
-                    query->sendPacket(makeEcho(number, bytes).get());
-            });
-        }
-        bool waitFor(std::size_t count) {
-            return eventually([&] { return query && query->numbers().size() >= count; });
-        }
-    };
-
-    std::unique_ptr<Workstation> connect(const std::vector<std::string>& servers,
-                                         std::shared_ptr<Credentials> credentials = nullptr,
-                                         ConnectOptions options = {}, const char* serviceName = "echo",
-                                         short sessionType = test::echoSession) {
-        auto station = std::make_unique<Workstation>();
-        Workstation* raw = station.get();
-        options.backoffMilliseconds = 20;
-        options.connected = [raw, serviceName, sessionType](Peer& peer) {
-            raw->query.reset();
-            raw->client = std::make_unique<Client>(&peer, serviceName);
-            raw->query = std::make_unique<EchoQuery>(raw->client.get(), sessionType);
-            raw->query->setClosedHandler([raw](const std::string& why) {
-                const std::lock_guard<std::mutex> lock(raw->mutex);
-                raw->reason = why;
-            });
-            ++raw->connects;
-        };
-        options.lost = [raw](Peer&, const std::string& why, bool) {
-            const std::lock_guard<std::mutex> lock(raw->mutex);
-            raw->reason = why;
-            ++raw->losses;
-        };
-        station->peer = client_.connect(servers, credentials ? credentials : site_.workstation(), options);
-        return station;
-    }
-
-    test::TestSite site_;
-    EchoService service_;
-    Network server_;
-    Network client_;
-    logging::CaptureSink log_;
-};
 
 TEST_F(NetworkTest, PacketsGoThereAndBack) {
     const auto station = connect({listen()});
