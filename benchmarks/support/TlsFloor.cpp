@@ -8,8 +8,10 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
+#include <set>
 
 namespace qel::bench {
 
@@ -38,12 +40,13 @@ void setNoDelay(int socket) {
 struct Connection {
     int socket = -1;
     SSL* ssl = nullptr;
-    std::size_t received = 0;  // bytes of whole and begun events not yet acknowledged
+    std::string received;  // events whole and begun, not yet taken out
+    std::string acks;
     bool open = true;
 };
 
-/// Reads all that is there; appends it to `pending`. False when the other end has closed.
-void readAll(Connection& connection, std::string& pending) {
+/// Reads all that is there. Notes when the other end has closed.
+void readAll(Connection& connection) {
     char buffer[65536];
     while (true) {
         const int got = SSL_read(connection.ssl, buffer, sizeof buffer);
@@ -51,20 +54,32 @@ void readAll(Connection& connection, std::string& pending) {
             connection.open = SSL_get_error(connection.ssl, got) == SSL_ERROR_WANT_READ;
             return;
         }
-        pending.append(buffer, static_cast<std::size_t>(got));
-        connection.received += static_cast<std::size_t>(got);
+        connection.received.append(buffer, static_cast<std::size_t>(got));
     }
 }
 
+/// Takes the whole events out, one by one, and prepares their acknowledgements.
+void takeEvents(Connection& connection, std::string& pending) {
+    std::size_t at = 0;
+    for (; connection.received.size() - at >= floorEvent; at += floorEvent) {
+        std::uint64_t number = 0;
+        std::memcpy(&number, connection.received.data() + at, sizeof number);
+        pending.append(connection.received, at, floorEvent);
+        char ack[floorAck] = {};
+        std::memcpy(ack, &number, sizeof number);
+        connection.acks.append(ack, floorAck);
+    }
+    connection.received.erase(0, at);
+}
+
 void acknowledge(Connection& connection) {
-    const std::size_t whole = connection.received / floorEvent;
-    connection.received %= floorEvent;
-    if (whole == 0)
+    if (connection.acks.empty())
         return;
-    const std::string acks(whole * floorAck, 'a');
     fcntl(connection.socket, F_SETFL, 0);
-    require(SSL_write(connection.ssl, acks.data(), static_cast<int>(acks.size())) > 0, "acknowledge");
+    require(SSL_write(connection.ssl, connection.acks.data(), static_cast<int>(connection.acks.size())) > 0,
+            "acknowledge");
     fcntl(connection.socket, F_SETFL, O_NONBLOCK);
+    connection.acks.clear();
 }
 
 std::vector<Connection> acceptAll(int listener, int connections, SSL_CTX* context) {
@@ -108,8 +123,10 @@ void serveFloor(const Child::Line& line, int connections, const std::string& cer
         poll(ready.data(), ready.size(), -1);
         pending.clear();
         for (std::size_t i = 0; i < all.size(); ++i)
-            if (ready[i].revents != 0)
-                readAll(all[i], pending);
+            if (ready[i].revents != 0) {
+                readAll(all[i]);
+                takeEvents(all[i], pending);
+            }
         if (pending.empty())
             continue;
         require(write(out, pending.data(), pending.size()) > 0 && fdatasync(out) == 0, "append");
@@ -130,22 +147,32 @@ void sendFloor(const Child::Line& line, int port, long events) {
     require(SSL_connect(ssl) == 1, "SSL_connect");
     line.say("ready");
     line.hear();
-    const std::string data(floorEvent * floorWindow, 'e');
-    long sent = 0;
-    long acknowledged = 0;
-    std::size_t bytes = 0;
+    std::set<std::uint64_t> inFlight;
+    std::uint64_t sent = 0;
+    const auto all = static_cast<std::uint64_t>(events);
+    std::string acks;
     char buffer[65536];
-    while (acknowledged < events) {
-        const long now = std::min(static_cast<long>(floorWindow) - (sent - acknowledged), events - sent);
-        if (now > 0)
-            require(SSL_write(ssl, data.data(), static_cast<int>(floorEvent) * static_cast<int>(now)) > 0,
-                    "send");
-        sent += now;
+    while (sent < all || !inFlight.empty()) {
+        // A whole window at a time: refilled piece by piece, windows decay into crumbs that each cost a flush.
+        std::string data;
+        while (inFlight.empty() ? sent < all : !data.empty() && sent < all && inFlight.size() < floorWindow) {
+            char event[floorEvent] = {};
+            std::memcpy(event, &sent, sizeof sent);
+            data.append(event, floorEvent);
+            inFlight.insert(sent++);
+        }
+        if (!data.empty())
+            require(SSL_write(ssl, data.data(), static_cast<int>(data.size())) > 0, "send");
         const int got = SSL_read(ssl, buffer, sizeof buffer);
         require(got > 0, "receive");
-        bytes += static_cast<std::size_t>(got);
-        acknowledged += static_cast<long>(bytes / floorAck);
-        bytes %= floorAck;
+        acks.append(buffer, static_cast<std::size_t>(got));
+        std::size_t at = 0;
+        for (; acks.size() - at >= floorAck; at += floorAck) {
+            std::uint64_t number = 0;
+            std::memcpy(&number, acks.data() + at, sizeof number);
+            inFlight.erase(number);
+        }
+        acks.erase(0, at);
     }
     line.say("done");
     SSL_shutdown(ssl);

@@ -8,12 +8,14 @@
 
 #include "support/Child.h"
 
-/// The floor of forwarding: nothing but TLS 1.3 over loopback with a window of 64, and a file that is appended to and
-/// flushed before the acknowledgements leave. Whatever can be read without blocking, from all connections, shares one
-/// flush; what goes one way goes in one TLS record.
+/// The floor of forwarding: nothing but TLS 1.3 over loopback with a window of 64 numbered events, and a file that they
+/// are appended to, one by one, and that is flushed before their acknowledgements leave, each with its number. Whatever
+/// can be read without blocking, from all connections, shares one flush; what goes one way goes in one TLS record.
 namespace qel::bench {
 
+/// Bytes of an event on the wire and in the file: its number and its content.
 constexpr std::size_t floorEvent = 150;
+/// Bytes of an acknowledgement, which begins with the number.
 constexpr std::size_t floorAck = 24;
 constexpr std::size_t floorWindow = 64;
 
