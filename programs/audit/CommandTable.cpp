@@ -7,6 +7,9 @@ const std::vector<Command>& auditCommands() {
     static const std::vector<Command> commands{
         {"init", "make a new site, or one more server of a site", runInit},
         {"enroll", "make the identities of workstations", runEnroll},
+        {"request", "make a key and ask for a certificate for it", runRequest},
+        {"renew", "replace a certificate before it ends", runRenew},
+        {"revoke", "shut an identity out", runRevoke},
         {"record", "put events into the local queue", runRecord},
         {"forward", "send the queues to the service", runForward},
         {"queue", "tell what waits in the queues", runQueue},

@@ -15,6 +15,9 @@ int runAudit(const std::vector<std::string>& arguments);
 // works, and returns the exit code; a Failure thrown on the way ends it.
 int runInit(CommandLine& line);
 int runEnroll(CommandLine& line);
+int runRequest(CommandLine& line);
+int runRenew(CommandLine& line);
+int runRevoke(CommandLine& line);
 int runRecord(CommandLine& line);
 int runForward(CommandLine& line);
 int runQueue(CommandLine& line);

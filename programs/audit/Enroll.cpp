@@ -4,6 +4,7 @@
 
 #include "audit/Commands.h"
 #include "common/Failure.h"
+#include "common/Folders.h"
 #include "common/LineReader.h"
 #include "common/Output.h"
 #include "common/Progress.h"
@@ -55,6 +56,7 @@ int runEnroll(CommandLine& line) {
     std::string user;
     std::string device;
     std::string list;
+    std::string request;
     std::string out;
     std::string state;
     AuthorityKey key;
@@ -66,6 +68,8 @@ int runEnroll(CommandLine& line) {
     line.text("--user", "U", user, "name of the user");
     line.text("--device", "D", device, "name of the device");
     line.text("--list", "FILE", list, "enroll one user;device per line");
+    line.text("--csr", "FILE", request,
+              "sign the request of 'qel-audit request', whose key stays where it is; wants --out");
     line.text("--out", "DIR2", out,
               "folder of the identity (default DIR/U@D), with --list the folder above them all");
     line.text("--state", "DIR3", state,
@@ -75,19 +79,34 @@ int runEnroll(CommandLine& line) {
     line.text("--passphrase-file", "FILE", key.passphraseFile,
               "file with the passphrase of the authority's key");
     line.example("qel-audit enroll /etc/qel --user anna --device ws-01 --out anna");
+    line.example("qel-audit enroll /etc/qel --csr workstation.csr --out anna");
     line.example("qel-audit enroll /etc/qel --list identities.txt --out workstations");
     if (const auto code = line.parse())
         return *code;
     if (!list.empty() && (!user.empty() || !device.empty()))
         return line.usageError("--list does not go together with --user and --device");
+    if (!request.empty() && (!user.empty() || !device.empty() || !list.empty()))
+        return line.usageError(
+            "--csr brings the names along; it does not go together with --user, --device and --list");
+    if (!request.empty() && out.empty())
+        return line.usageError("--csr needs --out, the folder for the certificate and the configuration");
     if (!state.empty() && state.front() != '/')
         return line.usageError("--state " + state +
                                ": expected an absolute path, as the workstation will see it");
-    if (list.empty() && (user.empty() || device.empty()))
-        return line.usageError("--user and --device, or --list, are required");
+    if (request.empty() && list.empty() && (user.empty() || device.empty()))
+        return line.usageError("--user and --device, or --list, or --csr, are required");
 
     Output output(line.name(), line.quiet(), line.json());
     const Site site(folder);
+    if (!request.empty()) {
+        const std::string pem = readTextFile(request);
+        enrollRequest(site, *site.loadAuthority(key), pem, out, state);
+        output.message("the certificate and the configuration lie in " + out + "; bring them to the key");
+        output.result().add("enrolled", std::int64_t{1});
+        output.result().add("folder", out);
+        output.finish();
+        return exitDone;
+    }
     std::vector<Candidate> candidates;
     if (!list.empty()) {
         candidates = readList(list, out.empty() ? folder : out);

@@ -40,6 +40,20 @@ void requireSite(const Site& site) {
                           file + ": is missing, expected a folder made by 'qel-audit init'");
 }
 
+/// What every identity gets beside its certificate: the authority's, and a configuration for this site.
+void writeIdentity(const Site& site, const std::string& folder, const std::string& state) {
+    writeNewFile(folder + "/authority.crt", readTextFile(site.authorityCertificate()));
+    DaemonConfig server;
+    readConfig(site.configuration(), server);
+    WorkstationConfig config;
+    if (!state.empty())
+        config.storeUrl = "lmdb:" + state + "/queue";
+    config.addresses = site.addresses();
+    config.audit = server.audit;
+    config.interaction = server.interaction;
+    writeNewFile(folder + "/qel-audit.toml", printConfig(config, true));
+}
+
 }  // namespace
 
 std::string Site::keyFile(const AuthorityKey& key) const {
@@ -50,7 +64,7 @@ void Site::create(const std::string& host, const AuthorityKey& key, const std::s
     const std::string passphrase = passphraseOf(key);
     if (std::filesystem::exists(keyFile(key)) && !key.file.empty())
         throw Failure(exitCannotCreate, key.file + ": exists, an authority's key is never replaced");
-    createNewFolder(folder_);
+    makeFolder(state);
     std::string error;
     const std::unique_ptr<Authority> authority = Authority::create(
         "Auditing authority of " + host, authorityCertificate(), keyFile(key), error, passphrase);
@@ -66,7 +80,7 @@ void Site::join(const Site& first, const std::string& host, const AuthorityKey& 
                 const std::string& state) const {
     requireSite(first);
     const std::unique_ptr<Authority> authority = first.loadAuthority(key);
-    createNewFolder(folder_);
+    makeFolder(state);
     writeNewFile(authorityCertificate(), readTextFile(first.authorityCertificate()));
     writeSecretFile(siteKey(), readTextFile(first.siteKey()));
     issueServer(*authority, host);
@@ -75,6 +89,14 @@ void Site::join(const Site& first, const std::string& host, const AuthorityKey& 
     const std::string others = first.folder() + "/servers.txt";
     std::string lines = std::filesystem::exists(others) ? readTextFile(others) : std::string();
     replaceFile(others, lines + bracketed(host) + ':' + usualPort + '\n');
+}
+
+void Site::makeFolder(const std::string& state) const {
+    createNewFolder(folder_);
+    // A service that keeps its state elsewhere runs as a user of its own, who reads the configuration and the certificates
+    // here; the secrets among them stay their owner's.
+    if (!state.empty())
+        std::filesystem::permissions(folder_, std::filesystem::perms(0755));
 }
 
 void Site::issueServer(Authority& authority, const std::string& host) const {
@@ -93,6 +115,20 @@ void Site::writeConfiguration(const std::string& host, const std::string& state)
     config.name = host;
     config.listen = std::string(host.find(':') == std::string::npos ? "0.0.0.0" : "[::]") + ':' + usualPort;
     writeNewFile(configuration(), printConfig(config, true));
+}
+
+void Site::revoke(const std::string& certificate, const AuthorityKey& key) const {
+    const std::unique_ptr<Authority> authority = loadAuthority(key);
+    std::string error;
+    if (!authority->revoke(certificate, revocationList(), error))
+        throw Failure(exitBadData, error);
+    std::string text = readTextFile(configuration());
+    const std::string none = "\nrevoked = \"\"\n";
+    const std::size_t place = text.find(none);
+    if (place == std::string::npos)
+        return;
+    text.replace(place, none.size(), "\nrevoked = \"revoked.crl\"\n");
+    replaceFile(configuration(), text);
 }
 
 std::unique_ptr<Authority> Site::loadAuthority(const AuthorityKey& key) const {
@@ -149,16 +185,18 @@ void enrollIdentity(const Site& site, Authority& authority, const std::string& u
         std::filesystem::remove(folder, ignored);  // when nothing was written, nothing is left behind
         throw Failure(exitBadData, error);
     }
-    writeNewFile(folder + "/authority.crt", readTextFile(site.authorityCertificate()));
-    DaemonConfig server;
-    readConfig(site.configuration(), server);
-    WorkstationConfig config;
-    if (!state.empty())
-        config.storeUrl = "lmdb:" + state + "/queue";
-    config.addresses = site.addresses();
-    config.audit = server.audit;
-    config.interaction = server.interaction;
-    writeNewFile(folder + "/qel-audit.toml", printConfig(config, true));
+    writeIdentity(site, folder, state);
+}
+
+void enrollRequest(const Site& site, Authority& authority, const std::string& requestPem,
+                   const std::string& folder, const std::string& state) {
+    std::string error;
+    const std::string certificate = authority.signRequest(requestPem, error);
+    if (certificate.empty())
+        throw Failure(exitBadData, error);
+    createNewFolder(folder);
+    writeNewFile(folder + "/workstation.crt", certificate);
+    writeIdentity(site, folder, state);
 }
 
 }  // namespace qel::programs

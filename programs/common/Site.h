@@ -23,6 +23,8 @@ class Site {
     const std::string& folder() const { return folder_; }
     std::string authorityCertificate() const { return folder_ + "/authority.crt"; }
     std::string siteKey() const { return folder_ + "/site.key"; }
+    std::string revocationList() const { return folder_ + "/revoked.crl"; }
+    std::string serverCertificate() const { return folder_ + "/server.crt"; }
     std::string configuration() const { return folder_ + "/qel-auditd.toml"; }
 
     /// A new site with a server of that name or address. The folder must be new or empty.
@@ -32,12 +34,16 @@ class Site {
     void join(const Site& first, const std::string& host, const AuthorityKey& key,
               const std::string& state = {}) const;
 
+    /// Adds the certificate to the site's revocation list, and names that list in the configuration if none is named yet.
+    void revoke(const std::string& certificate, const AuthorityKey& key) const;
+
     std::unique_ptr<Authority> loadAuthority(const AuthorityKey& key) const;
     /// "HOST:PORT" of this server and of those that joined it, in that order.
     std::vector<std::string> addresses() const;
 
   private:
     void writeConfiguration(const std::string& host, const std::string& state) const;
+    void makeFolder(const std::string& state) const;
     std::string keyFile(const AuthorityKey& key) const;
     void issueServer(Authority& authority, const std::string& host) const;
 
@@ -48,6 +54,10 @@ class Site {
 /// of the queue as the workstation will see it, when that is not the identity's own.
 void enrollIdentity(const Site& site, Authority& authority, const std::string& user,
                     const std::string& device, const std::string& folder, const std::string& state = {});
+
+/// The same for a request made elsewhere ('qel-audit request'): `folder` gets everything but the key, which stays there.
+void enrollRequest(const Site& site, Authority& authority, const std::string& requestPem,
+                   const std::string& folder, const std::string& state = {});
 
 /// "U@D" as the name of a folder; throws Failure(65) when the names cannot be one.
 std::string identityFolder(const std::string& user, const std::string& device);

@@ -67,6 +67,75 @@ TEST_F(SiteTest, WhatIsWrittenMayLieElsewhereThanTheSiteAndTheIdentity) {
     EXPECT_EQ(audit(arguments).code, 64);
 }
 
+TEST_F(SiteTest, SiteWithItsStateElsewhereMayBeReadByAServiceButNotItsSecrets) {
+    ASSERT_EQ(init("site", {"--state", folder_ / "state"}).code, 0);
+    struct stat status {};
+    ASSERT_EQ(::stat((folder_ / "site").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0755u);
+    EXPECT_EQ(secretFileFault(folder_ / "site/server.key"), "");
+}
+
+TEST_F(SiteTest, RequestIsSignedWhereTheAuthorityIsAndItsKeyStaysAtTheWorkstation) {
+    ASSERT_EQ(init("site").code, 0);
+    ASSERT_EQ(audit({"request", folder_ / "ws", "--user", "anna", "--device", "ws-01"}).code, 0);
+    EXPECT_EQ(secretFileFault(folder_ / "ws/workstation.key"), "");
+    const test::ProgramResult result = audit(
+        {"enroll", folder_ / "site", "--csr", folder_ / "ws/workstation.csr", "--out", folder_ / "anna"});
+    ASSERT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(verifies(folder_ / "site/authority.crt", folder_ / "anna/workstation.crt"), 0);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "anna/workstation.key"));
+    std::filesystem::rename(folder_ / "ws/workstation.key", folder_ / "anna/workstation.key");
+    EXPECT_EQ(audit({"record", "--config", folder_ / "anna/qel-audit.toml", "--log", "audit", "E"}).code, 0);
+}
+
+TEST_F(SiteTest, WhatIsNoRequestIsNotSigned) {
+    ASSERT_EQ(init("site").code, 0);
+    const std::string junk = folder_.write("junk", "junk");
+    const test::ProgramResult result =
+        audit({"enroll", folder_ / "site", "--csr", junk, "--out", folder_ / "anna"});
+    EXPECT_EQ(result.code, 65);
+    EXPECT_NE(result.err.find("no certificate request in PEM form"), std::string::npos) << result.err;
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "anna"));
+    EXPECT_EQ(audit({"enroll", folder_ / "site", "--csr", junk}).code, 64);
+    EXPECT_EQ(audit({"enroll", folder_ / "site", "--csr", junk, "--user", "u", "--out", folder_ / "a"}).code,
+              64);
+}
+
+TEST_F(SiteTest, RenewedCertificatesServeTheSameKeys) {
+    ASSERT_EQ(init("site").code, 0);
+    ASSERT_EQ(
+        audit({"enroll", folder_ / "site", "--user", "anna", "--device", "ws", "--out", folder_ / "anna"})
+            .code,
+        0);
+    const std::string server = test::TemporaryFolder::read(folder_ / "site/server.crt");
+    EXPECT_EQ(audit({"renew", folder_ / "site"}).code, 0);
+    EXPECT_NE(test::TemporaryFolder::read(folder_ / "site/server.crt"), server);
+    EXPECT_EQ(verifies(folder_ / "site/authority.crt", folder_ / "site/server.crt"), 0);
+    EXPECT_EQ(audit({"renew", folder_ / "site", "--certificate", folder_ / "anna/workstation.crt"}).code, 0);
+    EXPECT_EQ(audit({"record", "--config", folder_ / "anna/qel-audit.toml", "--log", "audit", "E"}).code, 0);
+    EXPECT_EQ(audit({"renew", folder_ / "site", "--certificate", folder_ / "nowhere.crt"}).code, 66);
+    EXPECT_EQ(audit({"renew", folder_ / "site", "--certificate", folder_ / "site/server.key"}).code, 65);
+}
+
+TEST_F(SiteTest, RevokedCertificateStandsOnTheListThatTheConfigurationNames) {
+    ASSERT_EQ(init("site").code, 0);
+    ASSERT_EQ(
+        audit({"enroll", folder_ / "site", "--user", "anna", "--device", "ws", "--out", folder_ / "anna"})
+            .code,
+        0);
+    for (int i = 0; i < 2; ++i)
+        ASSERT_EQ(audit({"revoke", folder_ / "site", "--certificate", folder_ / "anna/workstation.crt"}).code,
+                  0);
+    DaemonConfig config;
+    readConfig(folder_ / "site/qel-auditd.toml", config);
+    EXPECT_EQ(config.resolve(config.tls.revoked), folder_ / "site/revoked.crl");
+    const test::ProgramResult check =
+        test::run({"/usr/bin/openssl", "verify", "-crl_check", "-CAfile", folder_ / "site/authority.crt",
+                   "-CRLfile", folder_ / "site/revoked.crl", folder_ / "anna/workstation.crt"});
+    EXPECT_NE(check.code, 0);
+    EXPECT_NE(check.err.find("certificate revoked"), std::string::npos) << check.err;
+}
+
 TEST_F(SiteTest, FolderWithSomethingInItIsRefusedAndLeftAlone) {
     std::filesystem::create_directory(folder_ / "site");
     folder_.write("site/mine", "x");

@@ -23,6 +23,31 @@ TEST(Authority, IssuedWorkstationIsNamedInItsCertificate) {
     EXPECT_EQ(credentials->getDeviceName(), "Befundraum 3");
 }
 
+TEST(Authority, RenewedCertificateBelongsToTheSameKeyAndNamesAndLastsAnew) {
+    TestSite site;
+    const CredentialFiles files = site.workstationFiles("anna", "ws-01");
+    std::string error;
+    const auto before = Credentials::load(files, error);
+    ASSERT_TRUE(before) << error;
+    ASSERT_TRUE(
+        site.authority().renew(files.certificate, error, {0, before->getValidUntil() + 86'400'000'000}))
+        << error;
+    const auto after = Credentials::load(files, error);
+    ASSERT_TRUE(after) << error;
+    EXPECT_EQ(after->getUserName(), "anna");
+    EXPECT_EQ(after->getDeviceName(), "ws-01");
+    EXPECT_EQ(after->getValidUntil(), before->getValidUntil() + 86'400'000'000);
+}
+
+TEST(Authority, CertificateOfAnotherAuthorityIsNotRenewed) {
+    TestSite site;
+    TestSite other;
+    const CredentialFiles files = other.workstationFiles("anna", "ws-01");
+    std::string error;
+    EXPECT_FALSE(site.authority().renew(files.certificate, error));
+    EXPECT_NE(error.find("was not issued by this authority"), std::string::npos) << error;
+}
+
 TEST(Authority, KeysAreForTheirOwnerOnly) {
     TestSite site;
     EXPECT_EQ(modeOf(site.serverFiles().key), 0600u);

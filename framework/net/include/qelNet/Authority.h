@@ -46,6 +46,10 @@ class QELNET_EXPORT Authority {
     /// Signs such a request; the names are taken from it. Returns the certificate as PEM text.
     std::string signRequest(const std::string& requestPem, std::string& error, Validity validity = {});
 
+    /// Replaces a certificate of this authority by one of the same names and for the same key, so that nobody needs the key
+    /// and whatever was made from the names stays as it is.
+    bool renew(const std::string& certificateFile, std::string& error, Validity validity = {});
+
     /// Adds the certificate to the revocation list in `listFile` (made when missing) and signs it anew.
     bool revoke(const std::string& certificateFile, const std::string& listFile, std::string& error);
     /// Writes a revocation list without entries.

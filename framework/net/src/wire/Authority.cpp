@@ -176,6 +176,7 @@ struct Authority::Inner {
     bool issueFiles(const std::string& common, const std::string& unit, const Purpose& purpose,
                     const std::string& certificateFile, const std::string& keyFile, Validity validity,
                     std::string& error);
+    bool hasIssued(X509* issued, const std::string& file, std::string& error) const;
     bool signList(X509_CRL* list, const std::string& file, std::string& error);
     RevocationList openList(const std::string& file, std::string& error);
 };
@@ -378,16 +379,31 @@ bool Authority::Inner::signList(X509_CRL* list, const std::string& file, std::st
     return writeFile(file, contentOf(bio.get()), 0644, error);
 }
 
+bool Authority::Inner::hasIssued(X509* issued, const std::string& file, std::string& error) const {
+    if (X509_verify(issued, key.get()) == 1)
+        return true;
+    takeError();
+    error =
+        "the certificate in " + file + " was not issued by this authority, but by " + describeIssuer(issued);
+    return false;
+}
+
+bool Authority::renew(const std::string& certificateFile, std::string& error, Validity validity) {
+    const Certificate old = readCertificate(certificateFile, error);
+    if (!old || !inner_->hasIssued(old.get(), certificateFile, error))
+        return false;
+    const bool server = X509_get_ext_by_NID(old.get(), NID_subject_alt_name, -1) >= 0;
+    const std::string hosts = describeHosts(old.get());
+    const Purpose purpose = server ? Purpose{"serverAuth", hosts.c_str()} : Purpose{"clientAuth", nullptr};
+    const Certificate fresh = inner_->issue(X509_get_subject_name(old.get()), X509_get0_pubkey(old.get()),
+                                            purpose, validity, error);
+    return fresh && writeFile(certificateFile, toPem(fresh.get()), 0644, error);
+}
+
 bool Authority::revoke(const std::string& certificateFile, const std::string& listFile, std::string& error) {
     const Certificate certificate = readCertificate(certificateFile, error);
-    if (!certificate)
+    if (!certificate || !inner_->hasIssued(certificate.get(), certificateFile, error))
         return false;
-    if (X509_verify(certificate.get(), inner_->key.get()) != 1) {
-        takeError();
-        error = "the certificate in " + certificateFile + " was not issued by this authority, but by " +
-                describeIssuer(certificate.get());
-        return false;
-    }
     const RevocationList list = inner_->openList(listFile, error);
     if (!list)
         return false;
