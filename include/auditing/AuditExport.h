@@ -40,8 +40,10 @@ class QELAUDITING_EXPORT AuditExport {
     /// clients that fetched lines and want text.
     static void appendCsvLine(std::string& text, const Item& line);
 
-    /// How many entries exportCSV writes for that range, by walking it.
-    static unsigned long long countLines(const Item& log, long long startTime, long long endTime);
+    /// How many entries exportCSV writes for that range, by walking it; the walk ends when it has seen more than
+    /// `most`.
+    static unsigned long long countLines(const Item& log, long long startTime, long long endTime,
+                                         unsigned long long most = ~0ULL);
 
     static const char* getStaticClassName();
 };

@@ -13,6 +13,8 @@ const std::vector<Command>& auditCommands() {
         {"record", "put events into the local queue", runRecord},
         {"forward", "send the queues to the service", runForward},
         {"queue", "tell what waits in the queues", runQueue},
+        {"download", "fetch a range of the central logs as files", runDownload},
+        {"lines", "fetch a range of a central log as lines", runLines},
         {"export", "write a range of a log of a store on this machine", runExport},
         {"report", "turn exported logs into a report page", runReport},
         {"simulate", "write the events of an imagined site", runSimulate},

@@ -22,6 +22,8 @@ int runRecord(CommandLine& line);
 int runForward(CommandLine& line);
 int runQueue(CommandLine& line);
 int runExport(CommandLine& line);
+int runDownload(CommandLine& line);
+int runLines(CommandLine& line);
 int runReport(CommandLine& line);
 int runSimulate(CommandLine& line);
 

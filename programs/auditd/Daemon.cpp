@@ -1,9 +1,12 @@
 #include "auditd/Daemon.h"
 
+#include "auditd/AuditGuard.h"
 #include "auditd/DaemonMetrics.h"
+#include "auditing/AuditExport.h"
 #include "common/ConfigFile.h"
 #include "common/Failure.h"
 #include "common/LogPath.h"
+#include "common/RemoteCalls.h"
 #include "common/SecretFile.h"
 #include "common/ServiceManager.h"
 #include "common/Times.h"
@@ -44,6 +47,8 @@ Daemon::~Daemon() {
         network_->stop();
     metrics_.reset();
     network_.reset();
+    remoteCalls_.reset();
+    guard_.reset();
     interaction_.reset();
     audit_.reset();
     ItemStore::setCurrent(nullptr);
@@ -59,6 +64,10 @@ void Daemon::checkConfig() const {
     if (config_.audit.service == config_.interaction.service)
         refuse("[logs.audit] service and [logs.interaction] service are both \"" + config_.audit.service +
                "\", expected two names");
+    for (const LogConfig* log : {&config_.audit, &config_.interaction})
+        if (log->service == remoteCallService)
+            refuse("[logs] service = \"" + log->service +
+                   "\": expected another name, remote calls have this one");
     if (config_.frameBytes < config_.valueBytes + packetBytes)
         refuse("[limits] frame_bytes = " + std::to_string(config_.frameBytes) +
                ": expected at least value_bytes and " + std::to_string(packetBytes) + " more");
@@ -89,6 +98,24 @@ void Daemon::rememberLog(const char* name, const LogConfig& settings) {
         throw Failure(exitInputOutput, result.reason);
 }
 
+void Daemon::offerRemoteCalls() {
+    const Item auditTrail = logPath(config_.audit.path);
+    const Item interactionLog = logPath(config_.interaction.path);
+    AuditExport::registerRpcCalls(&calls_, auditTrail, interactionLog);
+    guard_ = std::make_unique<AuditGuard>(
+        AuditGuard::Logs{auditTrail, interactionLog, config_.audit.anonymous}, config_.auditors);
+    RpcServiceOptions options;
+    options.directory = config_.resolve(config_.transferDirectory);
+    options.callSeconds = static_cast<unsigned>(config_.callSeconds);
+    options.keepSeconds = static_cast<unsigned>(config_.keepMinutes * 60);
+    options.rowsPerCall = static_cast<std::uint64_t>(config_.rowsPerCall);
+    std::string error;
+    remoteCalls_ = std::make_unique<RpcService>(remoteCallService, &calls_, guard_.get(), options, error);
+    // Events go on being received: only downloads need the directory.
+    if (!error.empty())
+        logError("[transfer] directory: " + error + "; logs cannot be downloaded");
+}
+
 void Daemon::listen() {
     NetworkLimits limits;
     limits.frameBytes = static_cast<std::uint32_t>(config_.frameBytes);
@@ -98,8 +125,8 @@ void Daemon::listen() {
     limits.handshakeSeconds = static_cast<unsigned>(config_.handshakeSeconds);
     limits.idleSeconds = static_cast<unsigned>(config_.idleSeconds);
     network_ = std::make_unique<Network>();
-    const Listening listening =
-        network_->listen(config_.listen, {audit_.get(), interaction_.get()}, credentials_, limits);
+    const Listening listening = network_->listen(
+        config_.listen, {audit_.get(), interaction_.get(), remoteCalls_.get()}, credentials_, limits);
     if (!listening)
         throw Failure(exitTemporary, "cannot listen on " + config_.listen + ": " + listening.error);
     if (metrics_)
@@ -109,6 +136,7 @@ void Daemon::listen() {
 }
 
 int Daemon::run(const ServiceManager& manager) {
+    offerRemoteCalls();
     listen();
     manager.ready("serving workstations");
     lastTurnAt_ = std::chrono::steady_clock::now();
@@ -155,6 +183,7 @@ void Daemon::reload() {
         return;
     }
     config_.auditors = fresh.auditors;
+    guard_->setAuditors(fresh.auditors);
     nextWarning_ = 0;
     logInformation("reloaded certificates, key and access lists; connections go on");
 }

@@ -7,10 +7,13 @@
 #include "auditing/AuditService.h"
 #include "common/Configs.h"
 #include "qelCore/ItemStore.h"
+#include "qelCore/RpcProvider.h"
 #include "qelNet/Network.h"
+#include "qelNet/RpcService.h"
 
 namespace qel::programs {
 
+class AuditGuard;
 class DaemonMetrics;
 class ServiceManager;
 
@@ -32,6 +35,7 @@ class Daemon {
     void checkConfig() const;
     void openStore();
     void rememberLog(const char* name, const LogConfig& log);
+    void offerRemoteCalls();
     void listen();
     void reload();
     void housekeep();
@@ -43,6 +47,9 @@ class Daemon {
     std::unique_ptr<ItemStore> store_;
     std::unique_ptr<AuditService> audit_;
     std::unique_ptr<AuditService> interaction_;
+    RpcProvider calls_;
+    std::unique_ptr<AuditGuard> guard_;
+    std::unique_ptr<RpcService> remoteCalls_;
     std::unique_ptr<Network> network_;
     std::unique_ptr<DaemonMetrics> metrics_;
     std::uint64_t lastTurns_ = 0;

@@ -35,6 +35,31 @@ void measureValue(ConstByteSpan value, RangeFacts& facts, std::string& scratch) 
     }
 }
 
+/// Counts lines, and those whose number of separators is not the header's, over pieces that may end anywhere.
+class LineCounter {
+  public:
+    void add(const char* at, std::size_t size, FileFacts& facts) {
+        const char* const end = at + size;
+        while (at != end) {
+            const auto* feed =
+                static_cast<const char*>(std::memchr(at, '\n', static_cast<std::size_t>(end - at)));
+            const char* const stop = feed == nullptr ? end : feed;
+            separators_ += std::count(at, stop, ';');
+            if (feed == nullptr)
+                return;
+            ++facts.lines;
+            facts.oddLines += separators_ != headerSeparators_;
+            separators_ = 0;
+            at = feed + 1;
+        }
+    }
+
+  private:
+    const std::ptrdiff_t headerSeparators_ = std::count(
+        AuditExport::csvHeader(), AuditExport::csvHeader() + std::strlen(AuditExport::csvHeader()), ';');
+    std::ptrdiff_t separators_ = 0;
+};
+
 }  // namespace
 
 RangeFacts measureRange(const Item& log, long long first, long long last) {
@@ -60,13 +85,15 @@ FileFacts measureFile(const std::string& file) {
     FileFacts facts;
     std::vector<char> bytes(256 << 10);
     const std::string header = std::string(AuditExport::csvHeader()) + '\n';
+    LineCounter lines;
     while (in.read(bytes.data(), static_cast<std::streamsize>(bytes.size())), in.gcount() > 0) {
         const auto count = static_cast<std::size_t>(in.gcount());
         if (facts.bytes == 0)
             facts.headed =
                 count >= header.size() && std::memcmp(bytes.data(), header.data(), header.size()) == 0;
         facts.bytes += count;
-        facts.lines += static_cast<std::uint64_t>(std::count(bytes.data(), bytes.data() + count, '\n'));
+        facts.ended = bytes[count - 1] == '\n';
+        lines.add(bytes.data(), count, facts);
     }
     if (in.bad())
         throw systemFailure(exitInputOutput, file, EIO);

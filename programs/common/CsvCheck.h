@@ -23,7 +23,9 @@ RangeFacts measureRange(const Item& log, long long first, long long last);
 struct FileFacts {
     std::uint64_t bytes = 0;
     std::uint64_t lines = 0;
-    bool headed = false;  ///< begins with the header line of an export
+    bool headed = false;         ///< begins with the header line of an export
+    std::uint64_t oddLines = 0;  ///< lines that do not have as many fields as the header
+    bool ended = false;          ///< ends in a line feed
 };
 
 /// Reads a file through; throws Failure(74) when it is not there or cannot be read.

@@ -74,10 +74,11 @@ void AuditExport::appendCsvLine(std::string& text, const Item& line) {
     text += made.text();
 }
 
-unsigned long long AuditExport::countLines(const Item& log, long long startTime, long long endTime) {
+unsigned long long AuditExport::countLines(const Item& log, long long startTime, long long endTime,
+                                           unsigned long long most) {
     LogRange range = LogRange::including(log, startTime, endTime);
     unsigned long long count = 0;
-    while (range.next())
+    while (count <= most && range.next())
         ++count;
     return count;
 }

@@ -28,7 +28,9 @@ class NotingGuard : public RpcGuard {
     bool permits(const RpcCaller& caller, const RpcProvider::Call&) override {
         return caller.identity.user != "mallory";
     }
-    std::string examine(const RpcCaller&, const RpcProvider::Call&, const Item&) override { return refusal; }
+    std::string examine(const RpcCaller&, const RpcProvider::Call&, const Item&, std::uint64_t) override {
+        return refusal;
+    }
     void used(const RpcCaller& caller, const RpcProvider::Call& call, const Item&,
               const RpcUse& use) override {
         const std::lock_guard lock(mutex);

@@ -21,6 +21,12 @@ struct QELNET_EXPORT RpcRequest {
     /// The files that the service may send, by the very names that the call makes it use. Nothing else is
     /// ever written.
     std::vector<std::string> targets;
+    /// Makes the folders of the targets when the service has announced the files, not before: a call that is
+    /// refused leaves no trace here.
+    bool createFolders = false;
+    /// Rows of a result that are taken, as of RpcUse; the service refuses to make a larger one. 0: whatever the
+    /// service allows.
+    std::uint64_t largestRows = 0;
     /// Bytes of a result that are taken; a larger one is refused.
     std::uint64_t largestResult = std::uint64_t{512} << 20;
     /// Bytes that the service may send ahead of what has been written here; at most 16 MiB.

@@ -40,10 +40,10 @@ class QELNET_EXPORT RpcGuard {
     /// caller is told "not permitted", and a log line names user, device, address and call.
     virtual bool permits(const RpcCaller& caller, const RpcProvider::Call& call) = 0;
 
-    /// Asked on a handler thread directly before the handler. A sentence refuses the call as one with too
-    /// large a result: cheaper than making the result first. The base lets all pass.
-    virtual std::string examine(const RpcCaller& caller, const RpcProvider::Call& call,
-                                const Item& arguments);
+    /// Asked on a handler thread directly before the handler. A sentence refuses the call as one with a result of
+    /// more than `mostRows`: cheaper than making the result first. The base lets all pass.
+    virtual std::string examine(const RpcCaller& caller, const RpcProvider::Call& call, const Item& arguments,
+                                std::uint64_t mostRows);
 
     /// Told once for each permitted call that is over, answered or not, before its answer leaves: what this
     /// stores is durable before the first byte of the answer (of a result or of the word that ends a
@@ -66,7 +66,9 @@ struct QELNET_EXPORT RpcServiceOptions {
     /// Seconds after which a call is ended whose handler has returned without finishing it and that has no
     /// file transfer making progress. A handler that still runs is waited for.
     unsigned callSeconds = 600;
-    /// Largest result, in rows as of RpcUse.
+    /// Seconds that prepared files wait for a client that takes nothing of them; 0: as `callSeconds`.
+    unsigned keepSeconds = 0;
+    /// Largest result, in rows as of RpcUse; a client may ask for a smaller limit.
     std::uint64_t rowsPerCall = 1000000;
 };
 

@@ -36,7 +36,10 @@ std::uint64_t numberOf(const Packet& packet, const char* name) {
 }  // namespace
 
 ClientCall::ClientCall(long long id, RpcRequest request, Send send)
-    : id_(id), request_(std::move(request)), send_(std::move(send)), files_(request_.targets) {}
+    : id_(id),
+      request_(std::move(request)),
+      send_(std::move(send)),
+      files_(request_.targets, request_.createFolders) {}
 
 void ClientCall::start() {
     Item content;
@@ -44,6 +47,7 @@ void ClientCall::start() {
     content.addItem(request_.arguments);
     const Ref<Packet> packet = makePacket(callScheme, id_);
     packet->singleSet<long long>("window", static_cast<long long>(request_.window));
+    packet->singleSet<long long>("rows", static_cast<long long>(request_.largestRows));
     packet->setItem("content", content);
     send_(packet);
 }

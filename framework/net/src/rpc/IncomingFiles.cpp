@@ -90,6 +90,9 @@ Fault IncomingFiles::create(const Announced& announced) {
     File file;
     file.target = announced.target;
     file.size = announced.size;
+    std::error_code fault;
+    if (createFolders_)
+        std::filesystem::create_directories(folderOf(announced.target), fault);
     std::string part = announced.target + ".part-XXXXXX";
     file.handle = ::mkostemp(part.data(), O_CLOEXEC);
     if (file.handle < 0)

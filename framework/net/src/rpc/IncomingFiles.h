@@ -27,7 +27,8 @@ class IncomingFiles {
         explicit operator bool() const { return error != RpcError::none; }
     };
 
-    explicit IncomingFiles(std::vector<std::string> allowed) : allowed_(std::move(allowed)) {}
+    explicit IncomingFiles(std::vector<std::string> allowed, bool createFolders = false)
+        : allowed_(std::move(allowed)), createFolders_(createFolders) {}
     ~IncomingFiles();
     IncomingFiles(const IncomingFiles&) = delete;
     IncomingFiles& operator=(const IncomingFiles&) = delete;
@@ -59,6 +60,7 @@ class IncomingFiles {
     Fault checkSpace() const;
 
     const std::vector<std::string> allowed_;
+    const bool createFolders_;
     std::vector<File> files_;
     std::size_t at_ = 0;
     std::uint64_t received_ = 0;

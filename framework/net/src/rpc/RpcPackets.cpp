@@ -23,7 +23,7 @@ class RpcScheme : public PacketScheme {
     }
 };
 
-RpcScheme call(callType, "Call", {"call", "window"}, true);
+RpcScheme call(callType, "Call", {"call", "window", "rows"}, true);
 RpcScheme credit(creditType, "Credit", {"call", "bytes"}, false);
 RpcScheme transferOutcome(transferOutcomeType, "TransferOutcome", {"call", "code"}, true);
 RpcScheme cancel(cancelType, "Cancel", {"call"}, false);

@@ -19,7 +19,7 @@ constexpr short resultDataType = 455;
 constexpr short resultEndType = 456;
 constexpr short errorType = 457;
 
-/// call, window; content [name, [argument, …]]
+/// call, window, rows; content [name, [argument, …]]
 extern PacketScheme* const callScheme;
 /// call, bytes
 extern PacketScheme* const creditScheme;

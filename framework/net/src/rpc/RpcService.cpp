@@ -25,7 +25,7 @@ class RpcSessionFactory : public Service::SessionFactoryBase {
 
 }  // namespace
 
-std::string RpcGuard::examine(const RpcCaller&, const RpcProvider::Call&, const Item&) {
+std::string RpcGuard::examine(const RpcCaller&, const RpcProvider::Call&, const Item&, std::uint64_t) {
     return {};
 }
 

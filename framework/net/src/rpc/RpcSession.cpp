@@ -128,6 +128,10 @@ void RpcSession::start(Packet& packet, std::shared_ptr<const RpcProvider::Call> 
     const long long window = packet.singleGet<long long>("window");
     setup.window =
         std::clamp(static_cast<std::uint64_t>(std::max(window, 0LL)), smallestWindow, largestWindow);
+    const auto rows = static_cast<std::uint64_t>(std::max(packet.singleGet<long long>("rows"), 0LL));
+    setup.mostRows = core_->options.rowsPerCall;
+    if (rows > 0)
+        setup.mostRows = std::min(setup.mostRows, rows);
     setup.chunkBytes = chunkFor(*getPeer());
     const long long id = setup.id;
     const std::shared_ptr<ServerCall> started = ServerCall::make(std::move(setup), arguments);

@@ -130,8 +130,8 @@ void ServerCall::handle() {
             return;
     }
     if (setup_.core->guard != nullptr) {
-        const std::string refusal =
-            setup_.core->guard->examine(setup_.caller, *setup_.call, getArguments().asItem());
+        const std::string refusal = setup_.core->guard->examine(setup_.caller, *setup_.call,
+                                                                getArguments().asItem(), setup_.mostRows);
         if (!refusal.empty())
             return fail(RpcError::resultTooLarge, refusal);
     }
@@ -193,19 +193,17 @@ void ServerCall::tick() {
         sendWorking();
     else if (progress)
         addStep([this] { tellEventHandlers(); });
-    if (idleSeconds_ >= setup_.core->options.callSeconds) {
-        idleSeconds_ = 0;
-        timeOut();
-    }
+    const RpcServiceOptions& options = setup_.core->options;
+    const unsigned limit =
+        transferring && options.keepSeconds > 0 ? options.keepSeconds : options.callSeconds;
+    if (idleSeconds_ < limit)
+        return;
+    idleSeconds_ = 0;
+    timeOut(transferring, limit);
 }
 
-void ServerCall::timeOut() {
-    const std::string limit = std::to_string(setup_.core->options.callSeconds) + " seconds";
-    bool transferring;
-    {
-        const std::lock_guard lock(mutex_);
-        transferring = transferBegun_;
-    }
+void ServerCall::timeOut(bool transferring, unsigned seconds) {
+    const std::string limit = std::to_string(seconds) + " seconds";
     if (transferring)
         transfer_->end(RpcTransfer::stalled, "the transfer made no progress for " + limit);
     addStep([this, limit] {
@@ -290,7 +288,7 @@ CallAnswer ServerCall::makeAnswer() {
     if (answer.error != RpcError::none)
         return answer;
     answer.result = std::move(getResult());
-    const std::uint64_t limit = setup_.core->options.rowsPerCall;
+    const std::uint64_t limit = setup_.mostRows;
     const std::uint64_t rows = countRows(answer.result);
     if (rows > limit) {
         ++setup_.core->counters.tooLarge;

@@ -41,6 +41,7 @@ class ServerCall : public RpcContext, public std::enable_shared_from_this<Server
         RpcCaller caller;
         long long id = 0;
         std::uint64_t window = 0;
+        std::uint64_t mostRows = 0;
         std::size_t chunkBytes = 0;
     };
 
@@ -82,7 +83,7 @@ class ServerCall : public RpcContext, public std::enable_shared_from_this<Server
     void runStep(const Step& step);
     void handle();
     void tellEventHandlers();
-    void timeOut();
+    void timeOut(bool transferring, unsigned seconds);
     void fail(RpcError error, const std::string& sentence);
     bool takeEnd();
     void conclude(WriteBatch& batch);
