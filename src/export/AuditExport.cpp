@@ -6,16 +6,16 @@
 #include "export/CsvLine.h"
 #include "export/LogRange.h"
 #include "qelCore/logging/MessageStream.h"
-#include "store/AuditRecord.h"
 
 namespace qel {
 
 namespace {
 
-/// Each line goes out whole and at once, so that whoever reads along, or finds the file after a crash, sees lines.
-void put(std::ofstream& out, std::string_view line) {
-    out.write(line.data(), static_cast<std::streamsize>(line.size()));
-    out.flush();
+/// Each line goes out whole and at once, so that whoever reads along, or finds the file after a crash, sees lines. The
+/// stream's buffer is used directly: the checks of its formatted output would be a tenth of the work per line.
+void put(std::filebuf& out, std::string_view line) {
+    out.sputn(line.data(), static_cast<std::streamsize>(line.size()));
+    out.pubsync();
 }
 
 }  // namespace
@@ -23,18 +23,16 @@ void put(std::ofstream& out, std::string_view line) {
 void AuditExport::exportCSV(const char* path, const Item& log, long long startTime, long long endTime) {
     logging::MessageStream(1, 2) << "Starting export to " << path;
     std::ofstream out(path, std::ios_base::out | std::ios_base::trunc);
-    put(out, std::string(CsvLine::header) + '\n');
+    std::filebuf& file = *out.rdbuf();
+    put(file, std::string(CsvLine::header) + '\n');
     LogRange range = LogRange::including(log, startTime, endTime);
     CsvLine line;
     while (range.next()) {
-        long long time = 0;
-        long long origin = 0;
-        record::readCentralKey(range.position(), time, origin);
-        line.begin(time);
+        line.begin(range.time());
         // Read where it lies: the bytes stay until the next step of the walk.
         line.addFields(Item::Iterator(range.position().fetch()));
         line.end();
-        put(out, line.text());
+        put(file, line.text());
     }
     out.close();
 }

@@ -21,8 +21,15 @@ long long secondOf(long long time) {
 
 CsvLine::CsvLine() : timeSecond_(std::numeric_limits<long long>::min()) {}
 
+/// Room for that many bytes behind the line so far.
+char* CsvLine::reserve(std::size_t bytes) {
+    if (buffer_.size() - size_ < bytes)
+        buffer_.resize((size_ + bytes) * 2);
+    return buffer_.data() + size_;
+}
+
 void CsvLine::begin(long long time) {
-    text_.clear();
+    size_ = 0;
     fields_ = 0;
     addTime(time);
 }
@@ -31,17 +38,20 @@ void CsvLine::addTime(long long time) {
     // Events come in crowds: most lines of a busy log repeat the second of the line before.
     const long long second = secondOf(time);
     if (second != timeSecond_) {
-        std::array<char, GregorianDate::maxTextSize> buffer;
-        const char* end = util::convertUTCDateTimeToGermanTime(time).formatAsUSDateTime(buffer.data());
-        timeText_.assign(buffer.data(), static_cast<std::size_t>(end - buffer.data()));
+        std::array<char, GregorianDate::maxTextSize> text;
+        const char* end = util::convertUTCDateTimeToGermanTime(time).formatAsUSDateTime(text.data());
+        timeText_.assign(text.data(), static_cast<std::size_t>(end - text.data()));
         timeSecond_ = second;
     }
-    text_ += timeText_;
+    timeText_.copy(reserve(timeText_.size()), timeText_.size());
+    size_ += timeText_.size();
 }
 
 void CsvLine::addField(std::string_view text) {
-    text_ += ';';
-    text_ += text;
+    char* const out = reserve(text.size() + 1);
+    *out = ';';
+    text.copy(out + 1, text.size());
+    size_ += text.size() + 1;
     ++fields_;
 }
 
@@ -52,8 +62,11 @@ void CsvLine::addFields(Item::Iterator elements) {
 }
 
 void CsvLine::end() {
-    text_.append(static_cast<std::size_t>(std::max(0, valueFields - fields_)), ';');
-    text_ += '\n';
+    const auto missing = static_cast<std::size_t>(std::max(0, valueFields - fields_));
+    char* const out = reserve(missing + 1);
+    std::fill_n(out, missing, ';');
+    out[missing] = '\n';
+    size_ += missing + 1;
 }
 
 }  // namespace qel

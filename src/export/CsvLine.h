@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -30,13 +31,16 @@ class CsvLine {
     /// Fills up to valueFields and ends the line with a line feed.
     void end();
 
-    /// The line so far.
-    const std::string& text() const { return text_; }
+    /// The line so far; valid until the next operation.
+    std::string_view text() const { return {buffer_.data(), size_}; }
 
   private:
+    char* reserve(std::size_t bytes);
     void addTime(long long time);
 
-    std::string text_;
+    // Only its first `size_` bytes count: it never shrinks, so that growing it is rare and clears nothing.
+    std::string buffer_;
+    std::size_t size_ = 0;
     std::string scratch_;
     int fields_ = 0;
     std::string timeText_;

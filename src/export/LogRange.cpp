@@ -29,7 +29,10 @@ Item behind(const Item& log, long long endTime) {
 }  // namespace
 
 LogRange::LogRange(const Item& log, long long startTime, Item stop)
-    : position_(before(log, startTime)), stop_(std::move(stop)), empty_(log.isEmpty()) {}
+    : position_(before(log, startTime)),
+      stop_(std::move(stop)),
+      pathSize_(log.size()),
+      empty_(log.isEmpty()) {}
 
 LogRange LogRange::including(const Item& log, long long startTime, long long endTime) {
     return {log, startTime, behind(log, endTime)};
@@ -41,6 +44,16 @@ LogRange LogRange::excluding(const Item& log, long long startTime, long long end
 
 bool LogRange::next() {
     return !empty_ && position_.next() && Item::compare(position_, stop_) < 0;
+}
+
+long long LogRange::time() const {
+    // Everything in the log begins with its path, so the last element begins behind it.
+    Item::Iterator element(ConstByteSpan(position_.data() + pathSize_, position_.size() - pathSize_));
+    Item last;
+    long long time = 0;
+    if (element.decodeElementAsItem(last))
+        last.decodeElementAsInteger(time);
+    return time;
 }
 
 }  // namespace qel

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 #include "qelCore/Item.h"
 
 namespace qel {
@@ -17,13 +19,17 @@ class LogRange {
     bool next();
 
     /// Where the walk stands: the key of the entry.
-    Item& position() { return position_; }
+    const Item& position() const { return position_; }
+
+    /// The time in that key; 0 when it does not hold one.
+    long long time() const;
 
   private:
     LogRange(const Item& log, long long startTime, Item stop);
 
     Item position_;
     Item stop_;
+    std::size_t pathSize_;
     bool empty_;
 };
 

@@ -143,14 +143,14 @@ bool Connection::closedByOther(ConstByteSpan reason) {
 // ----- batches
 
 void Connection::submit(WriteBatch& batch, std::uint64_t number, bool holding, std::size_t bytes) {
-    if (!holdsAnswers() || (!holding && batch.writes() == 0 && batchesUnderWay_ == 0)) {
+    if (!holdsAnswers() || (!holding && batch.writes() == 0 && batchesUnderWay_.empty())) {
         batch.submit({});
         flush();
         return;
     }
     const std::size_t counted = batch.writes() > 0 ? bytes : 0;
     uncommittedBytes_ += counted;
-    ++batchesUnderWay_;
+    batchesUnderWay_.insert(number);
     batch.submit(
         [executor = setup_.executor, weak = weak_from_this(), number, counted](const CommitResult& result) {
             executor->post([weak, number, counted, durable = result.durable, reason = result.reason] {
@@ -162,7 +162,7 @@ void Connection::submit(WriteBatch& batch, std::uint64_t number, bool holding, s
 }
 
 void Connection::committed(std::uint64_t number, std::size_t bytes, bool durable, const std::string& reason) {
-    --batchesUnderWay_;
+    batchesUnderWay_.erase(number);
     uncommittedBytes_ -= bytes;
     // Once it is closing, also what a later batch would let go stays here: it may stand behind a lost one.
     if (ended_ || closing_)
@@ -172,9 +172,10 @@ void Connection::committed(std::uint64_t number, std::size_t bytes, bool durable
         fail("what was received could not be stored: " + reason, "commit");
         return;
     }
-    output_.release(number);
+    // An empty batch may be done before a full one that went ahead of it: nothing overtakes what is still under way.
+    output_.release(batchesUnderWay_.empty() ? lastBatch_ : *batchesUnderWay_.begin() - 1);
     flush();
-    if (finishing_ && batchesUnderWay_ == 0)
+    if (finishing_ && batchesUnderWay_.empty())
         fail(finishReason_, "");
     else if (readingPaused_)
         armReading();
@@ -203,7 +204,7 @@ void Connection::put(const OutputQueue::Lane& lane, std::string_view frame, bool
     if (held && scope_) {
         output_.hold(lane, scope_->number(), frame);
         scope_->setHolding();
-    } else if (held && batchesUnderWay_ > 0) {
+    } else if (held && !batchesUnderWay_.empty()) {
         output_.hold(lane, lastBatch_, frame);
     } else {
         output_.add(lane, frame);
@@ -370,7 +371,7 @@ void Connection::finish(const std::string& reason) {
             return;
         self->finishing_ = true;
         self->finishReason_ = reason;
-        if (self->batchesUnderWay_ == 0)
+        if (self->batchesUnderWay_.empty())
             self->fail(reason, "");
     });
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "qelNet/Limits.h"
@@ -66,7 +67,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Fram
     bool isEstablished() const { return established_; }
     bool isEnded() const { return ended_; }
     /// True while answers wait for a commit.
-    bool awaitsCommit() const { return batchesUnderWay_ > 0; }
+    bool awaitsCommit() const { return !batchesUnderWay_.empty(); }
     /// Why it ended; empty while it stands.
     const std::string& getReason() const { return reason_; }
     /// What the other end accepts.
@@ -137,7 +138,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Fram
 
     Scope* scope_ = nullptr;
     std::uint64_t lastBatch_ = 0;
-    std::uint64_t batchesUnderWay_ = 0;
+    std::set<std::uint64_t> batchesUnderWay_;
     std::size_t uncommittedBytes_ = 0;
 
     std::atomic<bool> established_{false};
