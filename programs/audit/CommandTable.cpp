@@ -1,4 +1,7 @@
+#include <cstdio>
+
 #include "audit/Commands.h"
+#include "common/ConfigManual.h"
 #include "common/ServiceManager.h"
 
 namespace qel::programs {
@@ -23,6 +26,10 @@ const std::vector<Command>& auditCommands() {
 }
 
 int runAudit(const std::vector<std::string>& arguments) {
+    if (arguments == std::vector<std::string>{"--man-config"}) {
+        std::fputs(workstationConfigManual().c_str(), stdout);
+        return exitDone;
+    }
     setUpCommandLog();
     return dispatch("qel-audit", "Record, forward, export and report audit events", auditCommands(),
                     arguments);

@@ -4,6 +4,7 @@
 #include "auditd/Daemon.h"
 #include "common/CommandLine.h"
 #include "common/ConfigFile.h"
+#include "common/ConfigManual.h"
 #include "common/Failure.h"
 #include "common/ServiceManager.h"
 
@@ -37,6 +38,10 @@ int check(const std::string& file) {
 }
 
 int runDaemon(const std::vector<std::string>& arguments) {
+    if (arguments == std::vector<std::string>{"--man-config"}) {
+        std::fputs(daemonConfigManual().c_str(), stdout);
+        return exitDone;
+    }
     CommandLine line("qel-auditd", "receive, keep and serve the audit events of a site", arguments);
     std::string config;
     bool checkOnly = false;

@@ -120,26 +120,8 @@ std::string filledSynopsis(const HelpPage& page) {
     return out + '\n';
 }
 
-/// Text for a manual page: a backslash or a leading full stop means something to the formatter.
-std::string roff(const std::string& text) {
-    std::string out;
-    for (const char c : text) {
-        if (c == '\\')
-            out += "\\e";
-        else if (c == '-')
-            out += "\\-";
-        else if (c == '\'' && out.empty())
-            out += "\\(aq";
-        else
-            out += c;
-    }
-    if (!out.empty() && out.front() == '.')
-        out.insert(0, "\\&");
-    return out;
-}
-
 std::string roffItem(const std::string& left, const std::string& right) {
-    return ".TP\n.B " + roff(left) + '\n' + roff(right) + ".\n";
+    return ".TP\n.B " + manualText(left) + '\n' + manualText(right) + ".\n";
 }
 
 /// The summary as a sentence of its own.
@@ -161,6 +143,24 @@ std::string dashed(std::string text) {
 }
 
 }  // namespace
+
+// A backslash, a dash, and a full stop or quote at the beginning mean something to the formatter.
+std::string manualText(const std::string& text) {
+    std::string out;
+    for (const char c : text) {
+        if (c == '\\')
+            out += "\\e";
+        else if (c == '-')
+            out += "\\-";
+        else if (c == '\'' && out.empty())
+            out += "\\(aq";
+        else
+            out += c;
+    }
+    if (!out.empty() && out.front() == '.')
+        out.insert(0, "\\&");
+    return out;
+}
 
 std::string renderHelp(const HelpPage& page) {
     std::string out = filledSynopsis(page) + '\n' + filled(sentence(page.summary), 0, 0);
@@ -190,11 +190,11 @@ std::string renderMan(const HelpPage& page) {
     std::string out = ".\\\" Written by '" + page.name + " --man'.\n";
     out += ".TH " + upper(dashed(page.name)) + ' ' + std::to_string(page.section) + " \"\" \"" +
            versionLine(page) + "\" \"Auditing\"\n";
-    out += ".SH NAME\n" + roff(dashed(page.name)) + " \\- " + roff(page.summary) + '\n';
-    out += ".SH SYNOPSIS\n" + roff(synopsis(page)) + '\n';
-    out += ".SH DESCRIPTION\n" + roff(sentence(page.summary)) + '\n';
+    out += ".SH NAME\n" + manualText(dashed(page.name)) + " \\- " + manualText(page.summary) + '\n';
+    out += ".SH SYNOPSIS\n" + manualText(synopsis(page)) + '\n';
+    out += ".SH DESCRIPTION\n" + manualText(sentence(page.summary)) + '\n';
     for (const std::string& paragraph : page.paragraphs)
-        out += ".PP\n" + roff(paragraph) + '\n';
+        out += ".PP\n" + manualText(paragraph) + '\n';
     if (!page.entries.empty())
         out += ".SH COMMANDS\n";
     for (const HelpPage::Entry& entry : page.entries)
@@ -211,7 +211,7 @@ std::string renderMan(const HelpPage& page) {
     if (!page.examples.empty())
         out += ".SH EXAMPLES\n.nf\n";
     for (const std::string& example : page.examples)
-        out += roff(example) + '\n';
+        out += manualText(example) + '\n';
     if (!page.examples.empty())
         out += ".fi\n";
     out +=

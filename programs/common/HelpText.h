@@ -35,6 +35,9 @@ std::string renderHelp(const HelpPage& page);
 /// The same as a manual page for man(1).
 std::string renderMan(const HelpPage& page);
 
+/// Text as it stands in a manual page.
+std::string manualText(const std::string& text);
+
 /// "qel-audit 1.0.0".
 std::string versionLine(const HelpPage& page);
 
