@@ -95,5 +95,53 @@ TEST(Commands, WrongTimesAreUsageErrorsThatShowTheForms) {
     EXPECT_NE(result.err.find("\"yesterday\" is not a time"), std::string::npos) << result.err;
 }
 
+/// What a page below docs/man must be: the program's own words. scripts/man-pages writes them anew.
+void expectPage(const std::string& name, const std::vector<std::string>& arguments) {
+    const test::ProgramResult result = test::run(arguments);
+    EXPECT_EQ(result.code, 0) << name << ": " << result.err;
+    EXPECT_EQ(test::TemporaryFolder::read(QEL_SOURCE_DIR "/docs/man/" + name), result.out)
+        << name << " is not what the program says of itself; scripts/man-pages writes it anew";
+}
+
+/// The commands that a page of help lists.
+std::vector<std::string> listedIn(const std::string& help) {
+    std::vector<std::string> names;
+    std::istringstream lines(help.substr(std::min(help.find("\nCommands:\n"), help.size() - 1) + 1));
+    std::string line;
+    std::getline(lines, line);
+    if (line != "Commands:")
+        return names;
+    while (std::getline(lines, line) && !line.empty())
+        if (line.rfind("  ", 0) == 0 && line[2] != ' ')
+            names.push_back(line.substr(2, line.find(' ', 2) - 2));
+    return names;
+}
+
+void expectPages(const std::vector<std::string>& command, std::size_t& pages) {
+    std::string name = "qel-audit";
+    for (const std::string& word : command)
+        name += '-' + word;
+    std::vector<std::string> arguments = command;
+    arguments.insert(arguments.begin(), program);
+    arguments.push_back("--man");
+    expectPage(name + ".1", arguments);
+    ++pages;
+    arguments.back() = "--help";
+    for (const std::string& below : listedIn(test::run(arguments).out)) {
+        std::vector<std::string> deeper = command;
+        deeper.push_back(below);
+        expectPages(deeper, pages);
+    }
+}
+
+TEST(Commands, ManualPagesAreTheProgramsOwnWords) {
+    std::size_t pages = 0;
+    expectPages({}, pages);
+    EXPECT_GT(pages, auditCommands().size());
+    expectPage("qel-auditd.8", {QEL_PROGRAMS_DIR "/qel-auditd", "--man"});
+    expectPage("qel-auditd.conf.5", {QEL_PROGRAMS_DIR "/qel-auditd", "--man-config"});
+    expectPage("qel-audit.conf.5", {program, "--man-config"});
+}
+
 }  // namespace
 }  // namespace qel::programs
