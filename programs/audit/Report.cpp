@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -19,7 +18,6 @@
 #include "common/Output.h"
 #include "common/Progress.h"
 #include "common/ReportFolder.h"
-#include "qelCore/logging/Log.h"
 
 namespace qel::programs {
 namespace {
@@ -105,14 +103,11 @@ bool holdsConstancyTests(std::string_view log) {
 /// The two logs and everything else that a report is made from.
 class ReportInput {
   public:
-    /// `look` is shown both logs before they go to the converter.
-    using Look = std::function<void(std::string_view interaction, std::string_view audit)>;
-
-    ReportInput(const ReportOptions& options, const Output& output, const Look& look)
-        : options_(options), output_(output) {
+    ReportInput(const ReportOptions& options, const Output& output) : options_(options), output_(output) {
         String interaction = prepareLog(options.interaction, "interaction log", options, guard_, output);
         String audit = prepareLog(options.audit, "audit log", options, guard_, output);
-        look(interaction.view(), audit.view());
+        // Constancy tests are written to the audit log only.
+        looksSwapped_ = holdsConstancyTests(interaction.view()) && !holdsConstancyTests(audit.view());
         lines_ = countLines(interaction.view()) + countLines(audit.view());
         converter_.setLogs(std::move(interaction), std::move(audit));
         server_ = options.raw ? options.server : guard_.cleanText(options.server, "server's name");
@@ -130,13 +125,11 @@ class ReportInput {
     std::int64_t start() const { return start_; }
     std::int64_t end() const { return end_; }
     std::uint64_t lines() const { return lines_; }
+    bool looksSwapped() const { return looksSwapped_; }
 
   private:
     static std::uint64_t countLines(std::string_view text) {
-        std::uint64_t lines = 0;
-        for (std::size_t at = text.find('\n'); at != std::string_view::npos; at = text.find('\n', at + 1))
-            ++lines;
-        return lines;
+        return static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
     }
 
     void choosePeriod() {
@@ -171,6 +164,7 @@ class ReportInput {
     std::int64_t start_ = 0;
     std::int64_t end_ = 0;
     std::uint64_t lines_ = 0;
+    bool looksSwapped_ = false;
 };
 
 /// Tells what was made and what was changed on the way; the exit code that follows from it.
@@ -189,12 +183,6 @@ int conclude(Output& output, const ReportOptions& options, const ReportInput& in
     output.result().add("replaced", static_cast<std::int64_t>(changed));
     output.finish();
     return changed > 0 && options.strict ? exitFaultFound : exitDone;
-}
-
-/// The library tells every chart that it draws; a person at the command line wants to hear of faults.
-void prepareLibrary() {
-    logging::setLevel(logging::levelWarning);
-    installReportResources();
 }
 
 std::unique_ptr<UserGroups> makeGroups(const std::string& source) {
@@ -226,8 +214,8 @@ int runUsage(CommandLine& line) {
         return *code;
 
     Output output(line.name(), line.quiet(), line.json());
-    prepareLibrary();
-    ReportInput input(options, output, [](std::string_view, std::string_view) {});
+    installReportResources();
+    ReportInput input(options, output);
     input.connectGroups(makeGroups(groups));
     ReportFolder folder(options.out);
     input.converter().performUsageReport(folder.workPath().c_str(), input.start(), input.end(),
@@ -248,14 +236,11 @@ int runTeleradiology(CommandLine& line) {
         return *code;
 
     Output output(line.name(), line.quiet(), line.json());
-    prepareLibrary();
-    const ReportInput::Look warnIfSwapped = [&](std::string_view interaction, std::string_view audit) {
-        // Constancy tests are written to the audit log only.
-        if (holdsConstancyTests(interaction) && !holdsConstancyTests(audit))
-            output.warning("the constancy tests stand in " + options.interaction +
-                           ", but this report reads the audit log: the two files look swapped");
-    };
-    ReportInput input(options, output, warnIfSwapped);
+    installReportResources();
+    ReportInput input(options, output);
+    if (input.looksSwapped())
+        output.warning("the constancy tests stand in " + options.interaction +
+                       ", but this report reads the audit log: the two files look swapped");
     ReportFolder folder(options.out);
     input.converter().performTeleradiologyReport(folder.workPath().c_str(), input.start(), input.end(),
                                                  input.server().c_str());

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -41,19 +40,12 @@ class LogGuard {
     std::string account() const;
 
   private:
-    /// Lets texts be looked up without being copied.
-    struct TextHash {
-        using is_transparent = void;
-        std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
-    };
-
     void cleanLine(std::string& out, std::string_view line, std::uint64_t number, Changes& changes);
     void note(Changes& changes, Danger danger, std::string_view text, std::uint64_t line);
-    bool isFirstBackslash(std::string_view text);
     Changes& changesOf(const std::string& source);
 
     std::vector<Changes> changes_;
-    std::unordered_set<std::string, TextHash, std::equal_to<>> backslashed_;
+    std::unordered_set<std::string> backslashed_;
 };
 
 }  // namespace qel::programs

@@ -29,20 +29,13 @@ enum class Skipped { nowhere, atStart, everywhere };
 /// Appends the cleaned text to `out`.
 Danger appendClean(std::string& out, std::string_view text, Skipped skipped = Skipped::nowhere);
 
-/// The same for a text that becomes a member of a script object: a user's or a group's name.
-Danger appendCleanName(std::string& out, std::string_view name);
-bool isReservedName(std::string_view name);
-
-/// The cleaned name, or any other text.
+/// The cleaned text.
 std::string cleanText(std::string_view text);
 
 /// The text that `cleanText` was made of.
 std::string originalText(std::string_view cleaned);
 
-/// Whether a text surely holds nothing to be replaced but perhaps a reserved name; made for short texts.
-bool isPlain(std::string_view text);
-
-/// Whether a log may hold anything that has to be replaced, reserved names included; made for large ones: a look that is sometimes wrong to the careful
+/// Whether a text may hold anything that has to be replaced; a quick look that is sometimes wrong to the careful
 /// side. Line ends and carriage returns before them are no danger.
 bool looksDangerous(std::string_view text);
 

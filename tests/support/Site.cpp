@@ -67,13 +67,7 @@ void Site::killDaemon() {
 }
 
 int Site::stopDaemon() {
-    // Under a tracer the daemon is the tracer's child.
-    const std::string parent = std::to_string(daemon_->pid());
-    const std::string child = TemporaryFolder::read("/proc/" + parent + "/task/" + parent + "/children");
-    if (child.empty())
-        daemon_->signal(SIGTERM);
-    else
-        ::kill(std::stoi(child), SIGTERM);
+    daemon_->signal(SIGTERM);
     return daemon_->wait(std::chrono::seconds(30));
 }
 

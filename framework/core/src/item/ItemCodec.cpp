@@ -1,7 +1,5 @@
 #include "item/ItemCodec.h"
 
-#include <bit>
-
 #include "qelCore/Item.h"
 
 namespace qel::codec {
@@ -11,7 +9,10 @@ namespace {
 using Byte = unsigned char;
 
 unsigned bytesOf(unsigned long long magnitude) {
-    return static_cast<unsigned>((std::bit_width(magnitude | 1) + 7) / 8);
+    unsigned count = 1;
+    while (magnitude >>= 8)
+        ++count;
+    return count;
 }
 
 bool isInteger(Byte code) {
@@ -77,8 +78,14 @@ std::size_t encodeInteger(long long value, unsigned char* out) {
     return 1 + length;
 }
 
-const unsigned char* longElementEnd(const unsigned char* at, const unsigned char* end, int depth) {
+const unsigned char* elementEnd(const unsigned char* at, const unsigned char* end, int depth) {
+    if (at == end)
+        return nullptr;
     const Byte code = *at++;
+    if (isInteger(code)) {
+        const unsigned length = integerLength(code);
+        return static_cast<std::size_t>(end - at) < length ? nullptr : at + length;
+    }
     if (code == text || code == bytes) {
         const Byte* const mark = findEndMark(at, end);
         return mark == nullptr ? nullptr : mark + 1;

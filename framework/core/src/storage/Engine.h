@@ -8,7 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "item/ItemCodec.h"
 #include "qelCore/StoreOptions.h"
 
 namespace qel::storage {
@@ -68,7 +67,7 @@ class EngineCursor {
     /// Gives the snapshot back; `refresh` takes another.
     virtual void rest() = 0;
     /// True while a snapshot is held.
-    bool isLive() const { return live_; }
+    virtual bool isLive() const = 0;
     /// For good: the thread ends, or the engine does. Under `lock`.
     virtual void retire() = 0;
 
@@ -84,16 +83,12 @@ class EngineCursor {
     bool positioned() const { return positioned_; }
     Bytes key() const { return key_; }
     Bytes value() const { return value_; }
-    bool isAt(Bytes key) const {
-        return positioned_ && key_.size() == key.size() &&
-               codec::areEqual(key_.data(), key.data(), key.size());
-    }
+    bool isAt(Bytes key) const { return positioned_ && key_ == key; }
 
   protected:
     Bytes key_;
     Bytes value_;
     bool positioned_ = false;
-    bool live_ = false;
 };
 
 /// What keeps the entries. Cursors come from any thread; `commit`, `adoptGrowth` are called by one thread at a time.

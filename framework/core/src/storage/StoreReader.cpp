@@ -2,10 +2,29 @@
 
 namespace qel::storage {
 
-bool StoreReader::refreshAgain(Engine& engine) {
+StoreReader::StoreReader(Engine& engine, const Overlay& overlay, ThreadState& state, bool& snapshotTaken) {
+    if (state.cursor == nullptr)
+        state.cursor = engine.makeCursor();
+    cursor_ = state.cursor.get();
+    // First the overlay, then the snapshot: what leaves the overlay meanwhile is in the snapshot.
+    if (!overlay.isEmpty()) {
+        overlayLock_ = std::shared_lock(overlay.mutex);
+        pending_ = &overlay.entries();
+    }
+    ready_ = open(engine, snapshotTaken);
+}
+
+StoreReader::~StoreReader() {
+    cursor_->lock.unlock();
+}
+
+bool StoreReader::open(Engine& engine, bool& snapshotTaken) {
+    cursor_->lock.lock();
     // More than one other process may grow the map at one time, but not for ever.
     for (int tries = 0; tries < 8 && !cursor_->closed; ++tries) {
+        const bool wasLive = cursor_->isLive();
         const Refreshed result = cursor_->refresh();
+        snapshotTaken = !wasLive;
         if (result != Refreshed::grown)
             return result == Refreshed::ok;
         cursor_->lock.unlock();
