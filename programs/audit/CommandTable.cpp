@@ -20,6 +20,7 @@ const std::vector<Command>& auditCommands() {
         {"lines", "fetch a range of a central log as lines", runLines},
         {"export", "write a range of a log of a store on this machine", runExport},
         {"report", "turn exported logs into a report page", runReport},
+        {"store", "look at, check, copy, trim and move a store", runStore},
         {"simulate", "write the events of an imagined site", runSimulate},
     };
     return commands;

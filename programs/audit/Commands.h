@@ -25,6 +25,14 @@ int runExport(CommandLine& line);
 int runDownload(CommandLine& line);
 int runLines(CommandLine& line);
 int runReport(CommandLine& line);
+int runStore(CommandLine& line);
+int runStoreInfo(CommandLine& line);
+int runStoreLs(CommandLine& line);
+int runStoreVerify(CommandLine& line);
+int runStoreBackup(CommandLine& line);
+int runStoreRestore(CommandLine& line);
+int runStorePrune(CommandLine& line);
+int runStoreCopy(CommandLine& line);
 int runSimulate(CommandLine& line);
 
 }  // namespace qel::programs

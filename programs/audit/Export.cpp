@@ -97,8 +97,8 @@ int runExport(CommandLine& line) {
     line.requiredTime("--from", from, "first time, included");
     line.requiredTime("--to", to, "last time, included");
     line.requiredText("--out", "FILE", out, "file to write, replaced when it exists");
-    line.example("qel-audit export --store lmdb:store --log audit \\");
-    line.example("    --from 2026-Q1 --to 2026-Q1 --out audit.csv");
+    line.example(
+        "qel-audit export --store lmdb:store --log audit --from 2026-Q1 --to 2026-Q1 --out audit.csv");
     if (const auto code = line.parse())
         return *code;
 

@@ -17,13 +17,13 @@ namespace {
 constexpr std::string_view embedded = "lmdb:";
 
 /// Tells a missing folder and a lack of rights apart before the store is opened.
-void requireFolder(const std::string& path) {
+void requireFolder(const std::string& path, bool readOnly) {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0)
         throw systemFailure(errno == EACCES ? exitNoPermission : exitInputMissing, path, errno);
     if (!S_ISDIR(status.st_mode))
         throw systemFailure(exitInputMissing, path, ENOTDIR);
-    if (::access(path.c_str(), R_OK | W_OK | X_OK) != 0)
+    if (::access(path.c_str(), R_OK | X_OK | (readOnly ? 0 : W_OK)) != 0)
         throw systemFailure(exitNoPermission, path, errno);
 }
 
@@ -39,17 +39,28 @@ std::string machine() {
 
 }  // namespace
 
-CentralStore::CentralStore(const std::string& url) {
+std::unique_ptr<ItemStore> openStore(const std::string& url, bool readOnly) {
     if (url.rfind(embedded, 0) == 0)
-        requireFolder(url.substr(embedded.size()));
+        requireFolder(storeFolder(url), readOnly);
     else if (url.rfind("postgresql://", 0) != 0)
         throw Failure(exitUsage, "--store \"" + url + "\", expected lmdb:PATH or postgresql://…");
     StoreOptions options;
     options.create = false;
+    options.readOnly = readOnly;
     std::string reason;
-    store_ = ItemStore::open(url, options, reason);
-    if (!store_)
+    std::unique_ptr<ItemStore> store = ItemStore::open(url, options, reason);
+    if (!store)
         throw Failure(exitInputMissing, reason);
+    return store;
+}
+
+std::string storeFolder(const std::string& url) {
+    if (url.rfind(embedded, 0) != 0 || url.size() == embedded.size())
+        throw Failure(exitUsage, "\"" + url + "\" is no store on this machine, expected lmdb:PATH");
+    return url.substr(embedded.size());
+}
+
+CentralStore::CentralStore(const std::string& url, bool readOnly) : store_(openStore(url, readOnly)) {
     ItemStore::setCurrent(store_.get());
 }
 
@@ -66,6 +77,11 @@ StoreLog CentralStore::centralLog(const std::string& name) {
         throw Failure(exitConfiguration, store_->url() + ": its log \"" + name +
                                              "\" is a workstation's queue, expected a central log");
     return log;
+}
+
+bool CentralStore::keepsTrail() {
+    StoreLog log;
+    return store_->findLog("audit", log) && log.kind == StoreLog::Kind::central;
 }
 
 void CentralStore::requireTrace() {

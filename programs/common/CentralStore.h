@@ -7,13 +7,19 @@
 
 namespace qel::programs {
 
+/// Opens a store by URL, its path relative to the current folder; it must exist. Throws Failure: 64 for something that is
+/// no store URL, 66 missing, 77 not permitted.
+std::unique_ptr<ItemStore> openStore(const std::string& url, bool readOnly);
+
+/// The folder of an `lmdb:PATH` URL; throws Failure(64) for any other.
+std::string storeFolder(const std::string& url);
+
 /// A store that a command looks at by URL, its logs by the names that the daemon wrote into it. The process's current
 /// store while this object lives. Used by one thread.
 class CentralStore {
   public:
-    /// `url` with a path relative to the current folder; the store must exist. Throws Failure: 64 for something that
-    /// is no store URL, 66 missing, 77 not permitted, 74 otherwise.
-    explicit CentralStore(const std::string& url);
+    /// As `openStore`.
+    explicit CentralStore(const std::string& url, bool readOnly = false);
     ~CentralStore();
     CentralStore(const CentralStore&) = delete;
     CentralStore& operator=(const CentralStore&) = delete;
@@ -23,6 +29,8 @@ class CentralStore {
     /// The central log of that name; throws Failure(78) when the store knows none, or only a queue.
     StoreLog centralLog(const std::string& name);
 
+    /// Whether an audit trail is kept here, so that reading leaves a trace in it; a workstation's queue has none.
+    bool keepsTrail();
     /// Throws Failure(77) when nothing can be written, so that a use that would leave no trace does not begin.
     void requireTrace();
     /// Leaves "AuditLogUsed" [call, log, start, end, rows, bytes] in the audit trail, in the name of the operating

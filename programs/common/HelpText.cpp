@@ -131,6 +131,22 @@ std::string sentence(std::string text) {
     return text + '.';
 }
 
+/// A command line that is too long goes on behind a backslash, as a shell takes it.
+std::string filledExample(const std::string& line) {
+    std::string out;
+    std::string rest = "  " + line;
+    while (width(rest) > columns) {
+        std::size_t end = rest.rfind(' ', columns - 3);
+        // An option stays on one line with its value.
+        const std::size_t word = rest.rfind(' ', end - 1);
+        if (word != std::string::npos && word > 4 && rest.compare(word, 3, " --") == 0)
+            end = word;
+        out += rest.substr(0, end) + " \\\n";
+        rest = "    " + rest.substr(end);
+    }
+    return out + rest + '\n';
+}
+
 std::string upper(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
@@ -182,7 +198,7 @@ std::string renderHelp(const HelpPage& page) {
     if (!page.examples.empty())
         out += page.examples.size() == 1 ? "\nExample:\n" : "\nExamples:\n";
     for (const std::string& example : page.examples)
-        out += "  " + example + '\n';
+        out += filledExample(example);
     return out;
 }
 

@@ -24,6 +24,20 @@ std::size_t columnsOf(const std::string& line) {
     return columns;
 }
 
+/// The commands that a page of help lists.
+std::vector<std::string> listedIn(const std::string& help) {
+    std::vector<std::string> names;
+    std::istringstream lines(help.substr(std::min(help.find("\nCommands:\n"), help.size() - 1) + 1));
+    std::string line;
+    std::getline(lines, line);
+    if (line != "Commands:")
+        return names;
+    while (std::getline(lines, line) && !line.empty())
+        if (line.rfind("  ", 0) == 0 && line[2] != ' ')
+            names.push_back(line.substr(2, line.find(' ', 2) - 2));
+    return names;
+}
+
 void expectGoodHelp(const std::vector<std::string>& command) {
     std::vector<std::string> arguments = command;
     arguments.push_back("--help");
@@ -36,12 +50,15 @@ void expectGoodHelp(const std::vector<std::string>& command) {
         EXPECT_LE(columnsOf(line), 80u) << line;
     for (const char* common : {"--json", "--quiet", "--help", "--version"})
         EXPECT_NE(result.out.find(common), std::string::npos) << common;
+    for (const std::string& below : listedIn(result.out)) {
+        std::vector<std::string> deeper = command;
+        deeper.push_back(below);
+        expectGoodHelp(deeper);
+    }
 }
 
 TEST(Commands, HelpOfEveryCommandFitsEightyColumns) {
     expectGoodHelp({});
-    for (const Command& command : auditCommands())
-        expectGoodHelp({command.name});
 }
 
 TEST(Commands, VersionIsPrintedByTheProgramAndByEveryCommand) {
@@ -101,20 +118,6 @@ void expectPage(const std::string& name, const std::vector<std::string>& argumen
     EXPECT_EQ(result.code, 0) << name << ": " << result.err;
     EXPECT_EQ(test::TemporaryFolder::read(QEL_SOURCE_DIR "/docs/man/" + name), result.out)
         << name << " is not what the program says of itself; scripts/man-pages writes it anew";
-}
-
-/// The commands that a page of help lists.
-std::vector<std::string> listedIn(const std::string& help) {
-    std::vector<std::string> names;
-    std::istringstream lines(help.substr(std::min(help.find("\nCommands:\n"), help.size() - 1) + 1));
-    std::string line;
-    std::getline(lines, line);
-    if (line != "Commands:")
-        return names;
-    while (std::getline(lines, line) && !line.empty())
-        if (line.rfind("  ", 0) == 0 && line[2] != ' ')
-            names.push_back(line.substr(2, line.find(' ', 2) - 2));
-    return names;
 }
 
 void expectPages(const std::vector<std::string>& command, std::size_t& pages) {
