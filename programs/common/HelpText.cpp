@@ -142,7 +142,7 @@ std::string filledExample(const std::string& line) {
         if (word != std::string::npos && word > 4 && rest.compare(word, 3, " --") == 0)
             end = word;
         out += rest.substr(0, end) + " \\\n";
-        rest = "    " + rest.substr(end);
+        rest = "     " + rest.substr(end);
     }
     return out + rest + '\n';
 }
