@@ -40,31 +40,31 @@ bool StoreReader::found(Bytes key, Bytes value) {
     return true;
 }
 
-// Both sides in step, one comparison each: a queue that is being drained begins with hundreds of entries whose removal
-// is still pending.
+bool StoreReader::isRemoved(Bytes key) const {
+    const auto at = pending_->find(key);
+    return at != pending_->end() && at->second.removes;
+}
+
 bool StoreReader::mergeForward(bool inEngine, Overlay::Map::const_iterator pending) {
-    for (; pending != pending_->end(); ++pending) {
-        const int order = inEngine ? cursor_->key().compare(pending->first) : 1;
-        if (order < 0)
-            break;
-        if (!pending->second.removes)
-            return found(pending->first, pending->second.value);
-        if (order == 0)
-            inEngine = cursor_->step();
-    }
+    while (inEngine && isRemoved(cursor_->key()))
+        inEngine = cursor_->step();
+    while (pending != pending_->end() && pending->second.removes)
+        ++pending;
+    if (pending != pending_->end() && (!inEngine || pending->first <= cursor_->key()))
+        return found(pending->first, pending->second.value);
     return inEngine && found(cursor_->key(), cursor_->value());
 }
 
 bool StoreReader::mergeBackward(bool inEngine, Overlay::Map::const_iterator pending) {
+    while (inEngine && isRemoved(cursor_->key()))
+        inEngine = cursor_->stepBack();
     while (pending != pending_->begin()) {
         --pending;
-        const int order = inEngine ? cursor_->key().compare(pending->first) : -1;
-        if (order > 0)
+        if (pending->second.removes)
+            continue;
+        if (inEngine && cursor_->key() > pending->first)
             break;
-        if (!pending->second.removes)
-            return found(pending->first, pending->second.value);
-        if (order == 0)
-            inEngine = cursor_->stepBack();
+        return found(pending->first, pending->second.value);
     }
     return inEngine && found(cursor_->key(), cursor_->value());
 }

@@ -35,6 +35,7 @@ class StoreReader {
     bool open(Engine& engine, bool& snapshotTaken);
     bool mergeForward(bool inEngine, Overlay::Map::const_iterator pending);
     bool mergeBackward(bool inEngine, Overlay::Map::const_iterator pending);
+    bool isRemoved(Bytes key) const;
     bool found(Bytes key, Bytes value);
 
     EngineCursor* cursor_ = nullptr;
