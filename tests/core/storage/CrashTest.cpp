@@ -216,7 +216,7 @@ TEST_F(Crash, KilledWriterLeavesItsLockToTheNext) {
     Child holder([&](const Child& self) {
         const auto store = openHere();
         // In the middle of the transaction, with the lock held.
-        DiskTap::setBeforeWrite([&] {
+        DiskTap::setBeforeWrite([&](bool) {
             self.tell(1);
             pause();
             return 0;
@@ -238,7 +238,7 @@ TEST_F(Crash, StoppedWriterInAnotherProcessBoundsMemoryHere) {
     Child holder([&](const Child& self) {
         const auto store = openHere();
         bool once = false;
-        DiskTap::setBeforeWrite([&] {
+        DiskTap::setBeforeWrite([&](bool) {
             if (!std::exchange(once, true)) {
                 self.tell(1);
                 raise(SIGSTOP);

@@ -20,7 +20,7 @@ struct Recorder {
     dev_t device = 0;
     ino_t inode = 0;
     std::vector<DiskTap::Event> events;
-    std::function<int()> beforeWrite;
+    std::function<int(bool synchronous)> beforeWrite;
 };
 
 Recorder& recorder() {
@@ -33,15 +33,18 @@ bool isTapped(Recorder& tap, int fd) {
     return tap.isOpen && fstat(fd, &found) == 0 && found.st_dev == tap.device && found.st_ino == tap.inode;
 }
 
+bool isSynchronous(int fd) {
+    return (fcntl(fd, F_GETFL) & O_DSYNC) != 0;
+}
+
 void recordWrite(int fd, const void* bytes, std::size_t size, off_t offset) {
     Recorder& tap = recorder();
     const std::lock_guard guard(tap.mutex);
     if (!isTapped(tap, fd))
         return;
-    const bool synchronous = (fcntl(fd, F_GETFL) & O_DSYNC) != 0;
-    tap.events.push_back({synchronous ? DiskTap::Event::Kind::synchronousWrite : DiskTap::Event::Kind::write,
-                          static_cast<std::uint64_t>(offset),
-                          std::string(static_cast<const char*>(bytes), size), 0});
+    tap.events.push_back(
+        {isSynchronous(fd) ? DiskTap::Event::Kind::synchronousWrite : DiskTap::Event::Kind::write,
+         static_cast<std::uint64_t>(offset), std::string(static_cast<const char*>(bytes), size), 0});
 }
 
 void recordFlush(int fd) {
@@ -51,8 +54,8 @@ void recordFlush(int fd) {
         tap.events.push_back({DiskTap::Event::Kind::flush, 0, {}, 0});
 }
 
-int askBeforeWrite() {
-    return recorder().beforeWrite ? recorder().beforeWrite() : 0;
+int askBeforeWrite(int fd) {
+    return recorder().beforeWrite ? recorder().beforeWrite(isSynchronous(fd)) : 0;
 }
 
 }  // namespace
@@ -85,7 +88,7 @@ std::vector<DiskTap::Event> DiskTap::take() {
     return std::exchange(recorder().events, {});
 }
 
-void DiskTap::setBeforeWrite(std::function<int()> hook) {
+void DiskTap::setBeforeWrite(std::function<int(bool synchronous)> hook) {
     recorder().beforeWrite = std::move(hook);
 }
 
@@ -95,7 +98,7 @@ void DiskTap::setBeforeWrite(std::function<int()> hook) {
 extern "C" {
 
 __attribute__((visibility("default"))) ssize_t pwrite(int fd, const void* bytes, size_t size, off_t offset) {
-    if (const int error = qel::test::askBeforeWrite()) {
+    if (const int error = qel::test::askBeforeWrite(fd)) {
         errno = error;
         return -1;
     }
@@ -104,7 +107,7 @@ __attribute__((visibility("default"))) ssize_t pwrite(int fd, const void* bytes,
 }
 
 __attribute__((visibility("default"))) ssize_t writev(int fd, const iovec* parts, int count) {
-    if (const int error = qel::test::askBeforeWrite()) {
+    if (const int error = qel::test::askBeforeWrite(fd)) {
         errno = error;
         return -1;
     }

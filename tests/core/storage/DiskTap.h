@@ -29,9 +29,9 @@ class DiskTap {
     void note(long long number);
     std::vector<Event> take();
 
-    /// Called before each write of this process to any file; for the one that wants to stop or fail there. Returns 0, or
-    /// the error that the write is to end with.
-    static void setBeforeWrite(std::function<int()> hook);
+    /// Called before each write of this process to any file, with whether its descriptor is synchronous; for the one that
+    /// wants to stop or fail there. Returns 0, or the error that the write is to end with.
+    static void setBeforeWrite(std::function<int(bool synchronous)> hook);
 };
 
 }  // namespace qel::test

@@ -1,0 +1,182 @@
+// The disk is full, or fails: every commit that could not be made durable says so, nothing that was durable is lost, and work
+// goes on when the cause is gone, without reopening.
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+
+#include "DiskTap.h"
+#include "qelCore/StoreTools.h"
+#include "qelCore/logging/CaptureSink.h"
+#include "support/StoreFixture.h"
+
+using namespace qel;
+using namespace qel::test;
+
+namespace {
+
+class DiskFault : public StoreTest {
+  protected:
+    void TearDown() override {
+        DiskTap::setBeforeWrite({});
+        StoreTest::TearDown();
+    }
+};
+
+// A small disk: a file system in memory where this user may mount one, else a bound on the size of files.
+class SmallDisk {
+  public:
+    explicit SmallDisk(const std::string& folder) : folder_(folder) {
+        mkdir(folder.c_str(), 0700);
+        mounted_ = (geteuid() == 0 ? unshare(CLONE_NEWNS) : unshare(CLONE_NEWUSER | CLONE_NEWNS)) == 0 &&
+                   mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                   mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=6m") == 0;
+        if (mounted_)
+            fillBallast();
+        else
+            limitFiles(2U << 20);
+    }
+    void makeRoom() const {
+        if (mounted_)
+            unlink((folder_ + "/ballast").c_str());
+        else
+            limitFiles(RLIM_INFINITY);
+    }
+
+  private:
+    void fillBallast() const {
+        const int fd = open((folder_ + "/ballast").c_str(), O_CREAT | O_WRONLY, 0600);
+        if (fd < 0 || posix_fallocate(fd, 0, 4 << 20) != 0)
+            _exit(20);
+        close(fd);
+    }
+    static void limitFiles(rlim_t bytes) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{bytes, RLIM_INFINITY};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            _exit(21);
+    }
+
+    std::string folder_;
+    bool mounted_ = false;
+};
+
+int require(bool holds, int code) {
+    if (!holds)
+        _exit(code);
+    return code;
+}
+
+// In a process of its own; its exit code says which step failed.
+void fillTheDisk(const std::string& folder) {
+    const SmallDisk disk(folder);
+    logging::CaptureSink log;
+    std::string reason;
+    auto store = ItemStore::open("lmdb:" + folder + "/store", {}, reason);
+    require(store != nullptr, 1);
+    ItemStore::setCurrent(store.get());
+    const std::string value(4000, 'v');
+    long long durable = 0;
+    while (store->store(key(path("log"), durable), text(value).bytes()))
+        ++durable;
+    require(durable > 20, 2);
+    require(log.contains("cannot write to the store"), 3);
+    require(!ItemStore::flush().durable, 4);
+    // Whoever waits for a batch, an acknowledgement for instance, learns it too; what was there is there.
+    std::atomic<int> outcome{0};
+    {
+        WriteBatch batch;
+        for (long long i = 0; i < 400; ++i)
+            key(path("batch"), i).store(text(value));
+        batch.submit([&](const CommitResult& result) { outcome = result.durable ? 1 : 2; });
+    }
+    ItemStore::flush();
+    require(outcome == 2, 5);
+    require(key(path("batch"), 1).fetch().isNull(), 6);
+    require(store->statistics().failedCommits >= 2, 7);
+    for (long long i = 0; i < durable; ++i)
+        require(key(path("log"), i).fetch().size() == value.size() + 2, 8);
+    disk.makeRoom();
+    require(store->probeCommit().durable, 9);
+    require(store->store(key(path("log"), durable), text(value).bytes()), 10);
+    require(ItemStore::flush().durable, 11);
+    store.reset();
+    store = ItemStore::open("lmdb:" + folder + "/store", {}, reason);
+    require(store != nullptr, 12);
+    for (long long i = 0; i <= durable; ++i)
+        require(store->fetch(key(path("log"), i)).size() == value.size() + 2, 13);
+    require(StoreTools::verify(*store, {}).faults == 0, 14);
+}
+
+}  // namespace
+
+TEST_F(DiskFault, FullDiskIsLoudLosesNothingAndPasses) {
+    close();
+    const pid_t child = fork();
+    if (child == 0) {
+        fillTheDisk(folder_ / "small");
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "the step with that number failed";
+}
+
+TEST_F(DiskFault, FullDiskAtOpeningIsASentence) {
+    close();
+    const pid_t child = fork();
+    if (child == 0) {
+        mkdir((folder_ / "tiny").c_str(), 0700);
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit none{1024, RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &none);
+        std::string reason;
+        const auto store = ItemStore::open("lmdb:" + (folder_ / "tiny/store"), {}, reason);
+        _exit(store == nullptr && reason.find("cannot reserve space") != std::string::npos ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST_F(DiskFault, AFailedWriteReachesEveryWaiter) {
+    write(path("before"), "v");
+    logging::CaptureSink log;
+    DiskTap::setBeforeWrite([](bool) { return EIO; });
+    EXPECT_FALSE(store_->store(path("key"), text("lost").bytes()));
+    const CommitResult flushed = ItemStore::flush();
+    EXPECT_FALSE(flushed.durable);
+    EXPECT_NE(flushed.reason.find("Input/output error"), std::string::npos) << flushed.reason;
+    EXPECT_FALSE(store_->probeCommit().durable);
+    DiskTap::setBeforeWrite({});
+    EXPECT_EQ(read(path("key")), "(null)");
+    EXPECT_EQ(read(path("before")), "v");
+    write(path("key"), "kept");
+    EXPECT_TRUE(ItemStore::flush().durable);
+    reopen();
+    EXPECT_EQ(read(path("key")), "kept");
+}
+
+TEST_F(DiskFault, TheStoreReopensAfterAFatalError) {
+    write(path("before"), "v");
+    logging::CaptureSink log;
+    // The write that would have made the transaction valid: whether it arrived is not known then.
+    DiskTap::setBeforeWrite([](bool synchronous) { return synchronous ? EIO : 0; });
+    EXPECT_FALSE(store_->store(path("key"), text("uncertain").bytes()));
+    DiskTap::setBeforeWrite({});
+    EXPECT_TRUE(store_->store(path("key"), text("kept").bytes()));
+    EXPECT_EQ(store_->statistics().reopened, 1U);
+    EXPECT_TRUE(log.contains("was opened again"));
+    EXPECT_EQ(read(path("before")), "v");
+    EXPECT_EQ(read(path("key")), "kept");
+    reopen();
+    EXPECT_EQ(read(path("key")), "kept");
+}

@@ -1,0 +1,158 @@
+#include "storage/UniqueClock.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "qelCore/System.h"
+#include "support/FixedClock.h"
+#include "support/StoreFixture.h"
+
+using namespace qel;
+using namespace qel::test;
+
+namespace {
+
+constexpr long long second = 1000000;
+constexpr long long day = 24 * 3600 * second;
+constexpr long long start = 1760000000LL * second;
+
+using Unique = StoreTest;
+
+long long perProcess() {
+    const char* const asked = std::getenv("QEL_UNIQUE_EVENTS");
+    return asked == nullptr ? 20000 : std::atoll(asked);
+}
+
+}  // namespace
+
+TEST_F(Unique, NeverTheSameTwiceWhateverTheClockDoes) {
+    FixedClock clock(start);
+    reopen();
+    long long last = 0;
+    for (int i = 0; i < 1000; ++i) {
+        if (i % 7 == 0)
+            clock.set(start + (i % 2 == 0 ? i : -i) * second);
+        const long long time = System::getUTCDateTimeUnique();
+        ASSERT_GT(time, last);
+        last = time;
+    }
+}
+
+TEST_F(Unique, ThreadsShareOneCounter) {
+    FixedClock clock(start);
+    reopen();
+    std::vector<std::vector<long long>> times(4);
+    std::vector<std::thread> threads;
+    for (auto& mine : times)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 5000; ++i)
+                mine.push_back(store_->uniqueTime());
+        });
+    std::set<long long> all;
+    for (std::size_t i = 0; i < threads.size(); ++i) {
+        threads[i].join();
+        EXPECT_TRUE(std::is_sorted(times[i].begin(), times[i].end()));
+        all.insert(times[i].begin(), times[i].end());
+    }
+    EXPECT_EQ(all.size(), 20000U);
+}
+
+TEST_F(Unique, ClockSetBackByADayBetweenTwoRunsKeepsTheOrder) {
+    FixedClock clock(start);
+    reopen();
+    const long long first = System::getUTCDateTimeUnique();
+    write(key(path("queue"), first), "first");
+    close();
+    clock.set(start - day);
+    System::setUniqueTimeSource(nullptr);
+    reopen();
+    const long long later = store_->uniqueTime();
+    EXPECT_GT(later, first);
+    EXPECT_LT(later, first + 3 * second);
+    EXPECT_GT(store_->clock().lead, day - 3 * second);
+}
+
+TEST_F(Unique, TimesThatWereHandedOutButNeverStoredAreNotHandedOutAgain) {
+    FixedClock clock(start);
+    reopen();
+    const long long handedOut = store_->uniqueTime();
+    close();
+    clock.set(start - day);
+    reopen();
+    EXPECT_GT(store_->uniqueTime(), handedOut);
+}
+
+TEST_F(Unique, AWildClockDoesNotPoisonTheStoreAndNoTimeComesTwice) {
+    std::set<long long> handedOut;
+    const auto take = [&](long long now) {
+        FixedClock clock(now);
+        reopen();
+        for (int i = 0; i < 50; ++i)
+            EXPECT_TRUE(handedOut.insert(store_->uniqueTime()).second);
+        const long long last = store_->uniqueTime();
+        handedOut.insert(last);
+        write(key(path("queue"), last), "v");
+        return last;
+    };
+    take(start);
+    const long long wild = take(start + 4000 * day);
+    EXPECT_GE(wild, start + 4000 * day);
+    // Back in the present: events carry the present again, not the wild time.
+    EXPECT_LT(take(start + day), start + day + 5 * second);
+    EXPECT_LT(take(start + 2 * day), start + 2 * day + 5 * second);
+    // And when the wild hour comes, what was handed out then is passed over.
+    const long long later = take(start + 4000 * day);
+    EXPECT_GT(later, wild);
+    EXPECT_LT(later, wild + 5 * second);
+}
+
+TEST_F(Unique, TwoProcessesAppendToOneQueueWithoutMeeting) {
+    const Item queue = path("queue");
+    const long long each = perProcess();
+    close();
+    std::vector<pid_t> writers;
+    for (int w = 0; w < 2; ++w) {
+        writers.push_back(fork());
+        if (writers.back() != 0)
+            continue;
+        reopen();
+        long long last = 0;
+        for (long long done = 0; done < each;) {
+            WriteBatch batch;
+            for (int i = 0; i < 100 && done < each; ++i, ++done) {
+                const long long time = System::getUTCDateTimeUnique();
+                if (time <= last)
+                    _exit(1);
+                last = time;
+                write(key(queue, time), std::to_string(w));
+            }
+            if (!batch.commit().durable)
+                _exit(2);
+        }
+        close();
+        _exit(0);
+    }
+    for (const pid_t writer : writers) {
+        int status = 0;
+        waitpid(writer, &status, 0);
+        ASSERT_TRUE(WIFEXITED(status));
+        ASSERT_EQ(WEXITSTATUS(status), 0);
+    }
+    reopen();
+    long long count = 0;
+    long long last = 0;
+    Item at;
+    for (bool found = queue.child(at); found; found = at.next(), ++count) {
+        long long time = 0;
+        ASSERT_TRUE(at.trail().decodeElementAsInteger(time));
+        ASSERT_GT(time, last);
+        last = time;
+    }
+    EXPECT_EQ(count, 2 * each);
+}
