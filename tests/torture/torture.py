@@ -8,6 +8,7 @@ both central logs are compared with the ledger of what was reported as recorded.
 
 import argparse
 import collections
+import itertools
 import json
 import os
 import random
@@ -52,6 +53,7 @@ class Recorder(threading.Thread):
         site, ledger = self.torture.site, self.torture.ledger
         log = self.random.choice(LOGS)
         numbers = ledger.take(self.station, log, self.random.choice([1, 20, 400, 2000, 5000]))
+        self.torture.pace(len(numbers))
         text = "".join(ledger.line(self.station, log, number) for number in numbers)
         environment = site.environment()
         if self.clock_step is not None:
@@ -86,8 +88,26 @@ class Torture:
         self.recorders = []
         self.proxy = None
         self.can_fake_time = os.path.exists(FAKETIME)
-        self.generation = 0
+        self.generations = itertools.count()
         self.rate = arguments.faults_per_minute / 60
+        self.events_per_second = arguments.events_per_second
+        self.allowance = 0.0
+        self.allowance_time = time.monotonic()
+        self.pacing = threading.Lock()
+        self.daemon_lock = threading.RLock()
+        self.lasting = []
+        self.problem = None
+
+    def pace(self, count):
+        """Holds a recorder back so that all together keep to the rate that was asked for."""
+        with self.pacing:
+            now = time.monotonic()
+            self.allowance = min(self.allowance + (now - self.allowance_time) * self.events_per_second, 2 * self.events_per_second)
+            self.allowance_time = now
+            self.allowance -= count
+            debt = -self.allowance
+        if debt > 0:
+            time.sleep(debt / self.events_per_second)
 
     def count(self, what):
         self.counts[what] += 1
@@ -99,18 +119,23 @@ class Torture:
     # ----- the faults; each returns False when it cannot happen here
 
     def kill_daemon(self):
-        self.site.end_daemon(signal.SIGKILL)
-        time.sleep(self.random.uniform(0, 0.5))
-        self.site.ensure_daemon()
-        self.proxy.target = ("127.0.0.1", self.site.daemon_port)
+        with self.daemon_lock:
+            self.site.end_daemon(signal.SIGKILL)
+            time.sleep(self.random.choice([0, 0, 0.05, 0.5]))
+            self.revive_daemon()
+
+    def revive_daemon(self):
+        with self.daemon_lock:
+            self.site.ensure_daemon()
+            self.proxy.target = ("127.0.0.1", self.site.daemon_port)
 
     def restart_daemon_otherwise(self):
         """The daemon ends in an orderly way and comes back with other limits."""
-        self.site.end_daemon(signal.SIGTERM)
-        self.site.edit(self.site.config, "idle_seconds", str(self.random.choice([60, 90, 120])))
-        self.site.edit(self.site.config, "frame_bytes", str(self.random.choice([1 << 20, 1 << 21])))
-        self.site.ensure_daemon()
-        self.proxy.target = ("127.0.0.1", self.site.daemon_port)
+        with self.daemon_lock:
+            self.site.end_daemon(signal.SIGTERM)
+            self.site.edit(self.site.config, "idle_seconds", str(self.random.choice([60, 90, 120])))
+            self.site.edit(self.site.config, "frame_bytes", str(self.random.choice([1 << 20, 1 << 21])))
+            self.revive_daemon()
 
     def stop_process(self, process):
         if process is None or process.poll() is not None:
@@ -183,8 +208,7 @@ class Torture:
     def renew_certificate(self):
         """A new certificate and key for one workstation, put in place under the running agent."""
         identity = self.random.choice(self.site.identities)
-        fresh = os.path.join(self.work, f"renewed{self.generation}")
-        self.generation += 1
+        fresh = os.path.join(self.work, f"renewed{next(self.generations)}")
         self.site.run("enroll", self.site.folder, "--user", identity[0], "--device", identity[1], "--out", fresh)
         for name in ("workstation.key", "workstation.crt"):
             path = os.path.join(self.site.station(identity), name)
@@ -196,8 +220,7 @@ class Torture:
         self.site.daemon.send_signal(signal.SIGHUP)
 
     def back_up(self):
-        target = os.path.join(self.work, f"backup{self.generation}")
-        self.generation += 1
+        target = os.path.join(self.work, f"backup{next(self.generations)}")
         self.site.run("store", "backup", "--store", self.store_url(), "--out", target)
         self.site.run("store", "verify", "--store", f"lmdb:{target}")
         shutil.rmtree(target)
@@ -214,8 +237,7 @@ class Torture:
         return True
 
     def download(self):
-        folder = os.path.join(self.work, f"download{self.generation}")
-        self.generation += 1
+        folder = os.path.join(self.work, f"download{next(self.generations)}")
         run = self.site.run("download", "--config", self.site.station_config(self.site.auditor), "--from", "2020", "--to", "2035",
                             "--into", folder, check=False, timeout=300)
         if run.returncode not in (0, 69, 74, 75):
@@ -223,12 +245,14 @@ class Torture:
         shutil.rmtree(folder, ignore_errors=True)
 
     def faults(self):
+        """Each with its weight, and whether it lasts: those run beside the others."""
         return [
-            (self.kill_daemon, 10), (self.restart_daemon_otherwise, 2), (self.stop_daemon, 3), (self.kill_agent, 14),
-            (self.stop_agent, 4), (self.kill_recorder, 14), (self.stop_recorder, 4), (self.cut_connections, 8),
-            (self.delay_connections, 2), (self.block_connections, 2), (self.fill_central_disk, 2), (self.fill_queue_disk, 2),
-            (self.fail_writes, 6), (self.step_clock, 4), (self.renew_certificate, 2), (self.reload_daemon, 2), (self.back_up, 1),
-            (self.prune_old, 1), (self.download, 1),
+            (self.kill_daemon, 16, False), (self.restart_daemon_otherwise, 2, False), (self.stop_daemon, 3, True),
+            (self.kill_agent, 24, False), (self.stop_agent, 4, True), (self.kill_recorder, 24, False),
+            (self.stop_recorder, 4, True), (self.cut_connections, 8, False), (self.delay_connections, 2, True),
+            (self.block_connections, 2, True), (self.fill_central_disk, 2, True), (self.fill_queue_disk, 2, True),
+            (self.fail_writes, 8, False), (self.step_clock, 4, False), (self.renew_certificate, 2, True),
+            (self.reload_daemon, 2, False), (self.back_up, 1, True), (self.prune_old, 1, True), (self.download, 1, True),
         ]
 
     # ----- the run
@@ -237,25 +261,42 @@ class Torture:
         return "lmdb:" + os.path.join(self.site.folder, "store")
 
     def injure(self, until):
-        faults, weights = zip(*self.faults())
+        faults = self.faults()
+        weights = [weight for _, weight, _ in faults]
         while time.monotonic() < until:
             time.sleep(self.random.expovariate(self.rate))
-            fault = self.random.choices(faults, weights)[0]
+            fault, _, lasts = self.random.choices(faults, weights)[0]
+            self.lasting = [thread for thread in self.lasting if thread.is_alive()]
+            if not lasts:
+                self.inflict(fault)
+            elif len(self.lasting) < 3:
+                thread = threading.Thread(target=self.inflict, args=(fault,), daemon=True)
+                self.lasting.append(thread)
+                thread.start()
+            self.revive_daemon()
+            self.site.ensure_agents()
+            if self.problem:
+                raise self.problem
+
+    def inflict(self, fault):
+        try:
             if fault() is not False:
                 self.count(fault.__name__)
-            self.site.ensure_daemon()
-            self.proxy.target = ("127.0.0.1", self.site.daemon_port)
-            self.site.ensure_agents()
+        except Exception as problem:  # told by the main thread
+            self.problem = problem
 
     def heal(self):
+        for thread in self.lasting:
+            thread.join(400)
         self.site.io.clear()
         self.site.central_disk.free()
         self.site.queue_disk.free()
         self.proxy.blocked = False
         self.proxy.delay = 0.0
-        self.site.ensure_daemon()
-        self.proxy.target = ("127.0.0.1", self.site.daemon_port)
+        self.revive_daemon()
         self.site.ensure_agents()
+        if self.problem:
+            raise self.problem
 
     def recorders_idle(self):
         return all(recorder.process is None or recorder.process.poll() is not None for recorder in self.recorders)
@@ -328,8 +369,9 @@ def main():
     parser.add_argument("--minutes", type=float, default=3)
     parser.add_argument("--seed", type=int, default=None)
     parser.add_argument("--workstations", type=int, default=3)
-    parser.add_argument("--faults-per-minute", type=float, default=60)
+    parser.add_argument("--faults-per-minute", type=float, default=90)
     parser.add_argument("--checkpoint-seconds", type=float, default=60)
+    parser.add_argument("--events-per-second", type=float, default=5000)
     parser.add_argument("--work", default=None)
     parser.add_argument("--keep", action="store_true", help="keep the folder even when all went well")
     arguments = parser.parse_args()
