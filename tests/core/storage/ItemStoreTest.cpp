@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <future>
 #include <string>
 #include <thread>
@@ -315,6 +316,24 @@ TEST_F(Store, WhatCannotBeOpenedIsToldInASentence) {
     mkdir((folder_ / "bad").c_str(), 0700);
     folder_.write("bad/data.mdb", std::string(100000, 'x'));
     EXPECT_TRUE(contains(openFailure("lmdb:" + (folder_ / "bad")), "cannot open the store"));
+}
+
+TEST_F(Store, AFolderThatMayNotBeWrittenIsRefused) {
+    close();
+    ASSERT_EQ(chmod(folder_.path().c_str(), 0755), 0);
+    ASSERT_EQ(chmod((folder_ / "store").c_str(), 0555), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        constexpr uid_t nobody = 65534;
+        const bool changed = geteuid() != 0 || setuid(nobody) == 0;
+        const std::string reason = openFailure(url());
+        std::fprintf(stderr, "%s\n", reason.c_str());
+        _exit(changed && contains(reason, "may not be written by this user") ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    chmod((folder_ / "store").c_str(), 0755);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 TEST_F(Store, NetworkFileSystemsAreKnown) {

@@ -1,6 +1,7 @@
 #include "qelCore/StoreTools.h"
 
 #include <lmdb.h>
+#include <sys/stat.h>
 
 #include <thread>
 #include <vector>
@@ -42,7 +43,6 @@ class Tools : public StoreTest {
         ASSERT_EQ(mdb_put(transaction, database, &atKey, &value, 0), 0);
         ASSERT_EQ(mdb_txn_commit(transaction), 0);
         mdb_env_close(environment);
-        reopen();
     }
     std::vector<std::string> faults() {
         std::vector<std::string> out;
@@ -68,6 +68,7 @@ TEST_F(Tools, VerifyNamesTheDamagedPlace) {
     fill(3);
     plant(std::string("\x28log\0\x19\x63", 7), "\x28 no end");
     plant(std::string("\x28nokey", 6), std::string("\x18", 1));
+    reopen();
     const auto found = faults();
     ASSERT_EQ(found.size(), 2U);
     EXPECT_EQ(found[0], "[\"log\",99]: the value of 8 bytes does not decode");
@@ -148,4 +149,24 @@ TEST_F(Tools, CopyTakesEverythingAlong) {
     const auto foreign = other("foreign");
     ASSERT_TRUE(foreign->bindSiteKey("cd", reason));
     EXPECT_FALSE(StoreTools::copy(*store_, *foreign).result.durable);
+}
+
+TEST_F(Tools, StoreOfANewerFormatIsRefused) {
+    Item identity;
+    identity.addInteger(2);
+    identity.addInteger(0);
+    plant(std::string("\x02i", 2), std::string(identity.bytes().view()));
+    std::string reason;
+    EXPECT_EQ(ItemStore::open(url(), {}, reason), nullptr);
+    EXPECT_NE(reason.find("has format 2; this version reads formats up to 1"), std::string::npos) << reason;
+}
+
+TEST_F(Tools, AForeignDatabaseIsRefused) {
+    close();
+    std::filesystem::remove_all(folder_ / "store");
+    mkdir((folder_ / "store").c_str(), 0700);
+    plant("foreign key", "foreign value");
+    std::string reason;
+    EXPECT_EQ(ItemStore::open(url(), {}, reason), nullptr);
+    EXPECT_NE(reason.find("hold no store of this system"), std::string::npos) << reason;
 }
