@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "export/LogRange.h"
 #include "qelCore/logging/CaptureSink.h"
 #include "support/AuditStore.h"
 #include "support/TemporaryFolder.h"
@@ -212,6 +213,42 @@ TEST_F(AuditExportTest, ManyEntriesAreExportedEachOnceInOrder) {
         ++count;
     }
     EXPECT_EQ(count, 20000);
+}
+
+TEST_F(AuditExportTest, LineOfGetLinesBecomesTheTextOfTheFile) {
+    Item value = event("anna", "pc", "E", "a;b");
+    value.addInteger(5);
+    record(march, value);
+    record(march + 1, event("u", "d", "e", "1", "2", "3", "4", "5", "6", "7", "8", "9"));
+    std::string text = std::string(AuditExport::csvHeader()) + "\n";
+    for (const Item& line : test::items(AuditExport::getLines(log_, earliest, latest)))
+        AuditExport::appendCsvLine(text, line);
+    EXPECT_EQ(text, exported(earliest, latest));
+}
+
+TEST_F(AuditExportTest, CountIsTheNumberOfLinesOfTheFile) {
+    for (int i = 10; i <= 20; ++i)
+        record(i, event("a", "b", "c"));
+    EXPECT_EQ(AuditExport::countLines(log_, 12, 18), 7U);
+    EXPECT_EQ(AuditExport::countLines(log_, 18, 12), 0U);
+    EXPECT_EQ(AuditExport::countLines(Item(), earliest, latest), 0U);
+}
+
+TEST_F(AuditExportTest, LongWalkPinsNoPartOfAStoreInUse) {
+    for (int i = 0; i < 3000; ++i)
+        record(i, event("a", "b", "c"));
+    store_.flush();
+    LogRange range = LogRange::including(log_, 0, 100000);
+    int seen = 0;
+    while (range.next()) {
+        if (++seen % 100 != 0)
+            continue;
+        test::path("other").store(event(std::to_string(seen)));
+        store_.flush();
+        test::path("other").fetch();
+        EXPECT_LE(store_.store().space().oldestReaderLag, 2U) << "after " << seen << " entries";
+    }
+    EXPECT_EQ(seen, 3000);
 }
 
 TEST(AuditExport, HasItsClassName) {

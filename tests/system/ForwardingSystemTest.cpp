@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -121,6 +122,41 @@ TEST_F(ForwardingSystemTest, EventsRecordedWhileTheDaemonIsAwayArriveWhenItRetur
     site_.startDaemon();
     EXPECT_TRUE(waitFor([&] { return queued(site_, anna) == 0; }, std::chrono::seconds(60)));
     expectEachOnce({"anna"}, 500);
+}
+
+TEST_F(ForwardingSystemTest, DaemonThatStopsAnsweringIsGivenUpAndNothingIsLostOrDoubled) {
+    const Workstation anna = site_.enroll("anna", "pc-1");
+    test::setKey(anna.config(), "stall_seconds", "1");
+    test::setKey(anna.config(), "backoff_max_seconds", "1");
+    site_.startDaemon();
+    const std::unique_ptr<Process> agent = startAgent(anna);
+    record(anna, writeEvents(site_, "first", 10));
+    ASSERT_TRUE(waitFor([&] { return queued(site_, anna) == 0; }));
+    site_.daemon().signal(SIGSTOP);
+    const std::string second = site_.folder() + "/second.jsonl";
+    {
+        std::ofstream out(second);
+        for (int i = 10; i < 500; ++i)
+            out << "[\"SeriesOpened\",\"1.2\"," << i << "]\n";
+    }
+    record(anna, second);
+    EXPECT_TRUE(waitFor([&] { return agent->err().find("no acknowledgement") != std::string::npos; }))
+        << agent->err();
+    site_.daemon().signal(SIGCONT);
+    EXPECT_TRUE(waitFor([&] { return queued(site_, anna) == 0; }, std::chrono::seconds(90))) << agent->err();
+    expectEachOnce({"anna"}, 500);
+}
+
+TEST_F(ForwardingSystemTest, QueueOfAnotherIdentityIsNotForwarded) {
+    const Workstation anna = site_.enroll("anna", "pc-1");
+    const Workstation bert = site_.enroll("bert", "pc-2");
+    record(anna, writeEvents(site_, "events", 3));
+    site_.startDaemon();
+    test::setKey(bert.config(), "url", "\"lmdb:" + anna.folder + "/queue\"");
+    const test::ProcessResult result = site_.audit({"forward", "--config", bert.config(), "--once"});
+    EXPECT_EQ(result.code, 78) << result.err;
+    EXPECT_EQ(queued(site_, anna), 3);
+    EXPECT_TRUE(site_.exportedLines("interaction").empty());
 }
 
 }  // namespace
