@@ -12,6 +12,8 @@ function(qel_library name)
   add_library(${name}_objects OBJECT ${sources})
   string(TOUPPER ${name} upper)
   target_compile_definitions(${name}_objects PRIVATE ${upper}_BUILDING)
+  # Nobody replaces single functions of a library from outside: calls within it may be direct, and inlined.
+  target_compile_options(${name}_objects PRIVATE -fno-semantic-interposition)
   target_include_directories(${name}_objects PUBLIC ${ARG_INCLUDE_DIR} PRIVATE ${ARG_SOURCE_DIR})
   target_link_libraries(${name}_objects PRIVATE qel_options ${ARG_PRIVATE} Threads::Threads)
 
@@ -19,6 +21,7 @@ function(qel_library name)
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} LINKER_LANGUAGE CXX)
   target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${ARG_INCLUDE_DIR}>)
   target_link_libraries(${name} PRIVATE ${ARG_PRIVATE} Threads::Threads)
+  target_link_options(${name} PRIVATE -Wl,-Bsymbolic-functions)
 
   if(NOT QEL_SANITIZE)
     target_link_options(${name} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)

@@ -1,9 +1,5 @@
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -14,10 +10,12 @@
 #include "auditing/AuditCSVtoHtmlReportConverter.h"
 #include "common/Failure.h"
 #include "common/Folders.h"
+#include "common/LargeFile.h"
 #include "common/LogGuard.h"
 #include "common/Output.h"
 #include "common/Progress.h"
 #include "common/ReportFolder.h"
+#include "qelCore/logging/Log.h"
 
 namespace qel::programs {
 namespace {
@@ -67,28 +65,15 @@ void warnAboutShape(const Output& output, const std::string& file, std::string_v
         output.warning(file + ": holds no event");
 }
 
-/// One log as text; exit code 66 with the reason when it cannot be read.
-String loadLog(const std::string& file) {
-    struct stat status {};
-    if (::stat(file.c_str(), &status) != 0)
-        throw systemFailure(exitInputMissing, file, errno);
-    if (S_ISDIR(status.st_mode))
-        throw systemFailure(exitInputMissing, file, EISDIR);
-    if (::access(file.c_str(), R_OK) != 0)
-        throw systemFailure(exitInputMissing, file, errno);
-    String text;
-    errno = 0;
-    if (!text.loadFromFile(file.c_str()))
-        throw systemFailure(exitInputMissing, file, errno != 0 ? errno : ENOMEM);
-    return text;
-}
-
-/// One log, cleaned unless asked for a raw one.
+/// One log, cleaned unless asked for a raw one. Adds its lines to `lines`.
 String prepareLog(const std::string& file, const char* name, const ReportOptions& options, LogGuard& guard,
-                  const Output& output) {
-    String text = loadLog(file);
+                  const Output& output, std::uint64_t& lines) {
+    // The guard looks at each piece while it is still in the processor's cache.
+    DangerScan scan;
+    String text = readLargeFile(file, [&](std::string_view piece) { scan.look(piece); });
+    lines += scan.lines();
     warnAboutShape(output, file, text.view());
-    if (!options.raw)
+    if (!options.raw && scan.foundDanger())
         guard.cleanLog(text, name);
     return text;
 }
@@ -103,12 +88,15 @@ bool holdsConstancyTests(std::string_view log) {
 /// The two logs and everything else that a report is made from.
 class ReportInput {
   public:
-    ReportInput(const ReportOptions& options, const Output& output) : options_(options), output_(output) {
-        String interaction = prepareLog(options.interaction, "interaction log", options, guard_, output);
-        String audit = prepareLog(options.audit, "audit log", options, guard_, output);
-        // Constancy tests are written to the audit log only.
-        looksSwapped_ = holdsConstancyTests(interaction.view()) && !holdsConstancyTests(audit.view());
-        lines_ = countLines(interaction.view()) + countLines(audit.view());
+    /// `look` is shown both logs before they go to the converter.
+    using Look = std::function<void(std::string_view interaction, std::string_view audit)>;
+
+    ReportInput(const ReportOptions& options, const Output& output, const Look& look)
+        : options_(options), output_(output) {
+        String interaction =
+            prepareLog(options.interaction, "interaction log", options, guard_, output, lines_);
+        String audit = prepareLog(options.audit, "audit log", options, guard_, output, lines_);
+        look(interaction.view(), audit.view());
         converter_.setLogs(std::move(interaction), std::move(audit));
         server_ = options.raw ? options.server : guard_.cleanText(options.server, "server's name");
         choosePeriod();
@@ -125,13 +113,8 @@ class ReportInput {
     std::int64_t start() const { return start_; }
     std::int64_t end() const { return end_; }
     std::uint64_t lines() const { return lines_; }
-    bool looksSwapped() const { return looksSwapped_; }
 
   private:
-    static std::uint64_t countLines(std::string_view text) {
-        return static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
-    }
-
     void choosePeriod() {
         UTCDateTime first = wallClock();
         UTCDateTime last = first;
@@ -164,7 +147,6 @@ class ReportInput {
     std::int64_t start_ = 0;
     std::int64_t end_ = 0;
     std::uint64_t lines_ = 0;
-    bool looksSwapped_ = false;
 };
 
 /// Tells what was made and what was changed on the way; the exit code that follows from it.
@@ -183,6 +165,12 @@ int conclude(Output& output, const ReportOptions& options, const ReportInput& in
     output.result().add("replaced", static_cast<std::int64_t>(changed));
     output.finish();
     return changed > 0 && options.strict ? exitFaultFound : exitDone;
+}
+
+/// The library tells every chart that it draws; a person at the command line wants to hear of faults.
+void prepareLibrary() {
+    logging::setLevel(logging::levelWarning);
+    installReportResources();
 }
 
 std::unique_ptr<UserGroups> makeGroups(const std::string& source) {
@@ -214,8 +202,8 @@ int runUsage(CommandLine& line) {
         return *code;
 
     Output output(line.name(), line.quiet(), line.json());
-    installReportResources();
-    ReportInput input(options, output);
+    prepareLibrary();
+    ReportInput input(options, output, [](std::string_view, std::string_view) {});
     input.connectGroups(makeGroups(groups));
     ReportFolder folder(options.out);
     input.converter().performUsageReport(folder.workPath().c_str(), input.start(), input.end(),
@@ -236,11 +224,14 @@ int runTeleradiology(CommandLine& line) {
         return *code;
 
     Output output(line.name(), line.quiet(), line.json());
-    installReportResources();
-    ReportInput input(options, output);
-    if (input.looksSwapped())
-        output.warning("the constancy tests stand in " + options.interaction +
-                       ", but this report reads the audit log: the two files look swapped");
+    prepareLibrary();
+    const ReportInput::Look warnIfSwapped = [&](std::string_view interaction, std::string_view audit) {
+        // Constancy tests are written to the audit log only.
+        if (holdsConstancyTests(interaction) && !holdsConstancyTests(audit))
+            output.warning("the constancy tests stand in " + options.interaction +
+                           ", but this report reads the audit log: the two files look swapped");
+    };
+    ReportInput input(options, output, warnIfSwapped);
     ReportFolder folder(options.out);
     input.converter().performTeleradiologyReport(folder.workPath().c_str(), input.start(), input.end(),
                                                  input.server().c_str());

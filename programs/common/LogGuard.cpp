@@ -15,18 +15,24 @@ std::string_view trimmed(std::string_view line) {
     return line.substr(first, line.find_last_not_of(ends) - first + 1);
 }
 
+constexpr std::size_t userField = 1;
+constexpr std::size_t firstParam = 4;
+
+std::string_view userOf(std::string_view line) {
+    const std::size_t start = line.find(';');
+    return start == std::string_view::npos ? std::string_view()
+                                           : line.substr(start + 1, line.find(';', start + 1) - start - 1);
+}
+
 /// Where readers skip white space of a field: before every number of the Time field, and before a number that is
 /// a parameter.
 Skipped skippedIn(std::size_t field) {
-    constexpr std::size_t firstParam = 4;
     return field == 0 ? Skipped::everywhere : field >= firstParam ? Skipped::atStart : Skipped::nowhere;
 }
 
 }  // namespace
 
 void LogGuard::cleanLog(String& log, const std::string& source) {
-    if (!looksDangerous(log.view()))
-        return;
     Changes& changes = changesOf(source);
     std::string cleaned;
     cleaned.reserve(log.size() + log.size() / 16);
@@ -42,15 +48,17 @@ void LogGuard::cleanLog(String& log, const std::string& source) {
 }
 
 void LogGuard::cleanLine(std::string& out, std::string_view line, std::uint64_t number, Changes& changes) {
-    if (!looksDangerous(line)) {
-        out += line;
+    std::string_view left = trimmed(line);
+    if (isPlain(left) && !isReservedName(userOf(left))) {
+        out += left;
         return;
     }
-    std::string_view left = trimmed(line);
     for (std::size_t field = 0;; ++field) {
         const std::size_t length = std::min(left.find(';'), left.size());
         const std::string_view text = left.substr(0, length);
-        note(changes, appendClean(out, text, skippedIn(field)), text, number);
+        note(changes,
+             field == userField ? appendCleanName(out, text) : appendClean(out, text, skippedIn(field)), text,
+             number);
         if (length == left.size())
             return;
         out += ';';
@@ -59,7 +67,7 @@ void LogGuard::cleanLine(std::string& out, std::string_view line, std::uint64_t 
 }
 
 void LogGuard::note(Changes& changes, Danger danger, std::string_view text, std::uint64_t line) {
-    if (danger == Danger::none || (danger == Danger::backslash && !backslashed_.emplace(text).second))
+    if (danger == Danger::none || (danger == Danger::backslash && !isFirstBackslash(text)))
         return;
     ++changes.texts;
     if (line != 0 && changes.lines.size() < linesShown &&
@@ -67,9 +75,16 @@ void LogGuard::note(Changes& changes, Danger danger, std::string_view text, std:
         changes.lines.push_back(line);
 }
 
+bool LogGuard::isFirstBackslash(std::string_view text) {
+    if (backslashed_.find(text) != backslashed_.end())
+        return false;
+    backslashed_.emplace(text);
+    return true;
+}
+
 std::string LogGuard::cleanText(std::string_view text, const std::string& source) {
     std::string cleaned;
-    const Danger danger = appendClean(cleaned, text);
+    const Danger danger = appendCleanName(cleaned, text);
     if (danger != Danger::none)
         note(changesOf(source), danger, text, 0);
     return cleaned;

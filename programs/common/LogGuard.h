@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -26,8 +27,8 @@ class LogGuard {
         std::vector<std::uint64_t> lines;  ///< the first few, counted from 1, the header included
     };
 
-    /// Cleans an exported log in place. One without anything to change stays as it is, without a copy. The numbers
-    /// that the reports read from it stay the same: blanks at the ends of lines, the Time field and numbers behind
+    /// Cleans an exported log in place; to be called for one in which a DangerScan found something. The numbers that the
+    /// reports read from it stay the same: blanks at the ends of lines, the Time field and numbers behind
     /// white space keep their meaning.
     void cleanLog(String& log, const std::string& source);
 
@@ -40,12 +41,19 @@ class LogGuard {
     std::string account() const;
 
   private:
+    /// Lets texts be looked up without being copied.
+    struct TextHash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    };
+
     void cleanLine(std::string& out, std::string_view line, std::uint64_t number, Changes& changes);
     void note(Changes& changes, Danger danger, std::string_view text, std::uint64_t line);
+    bool isFirstBackslash(std::string_view text);
     Changes& changesOf(const std::string& source);
 
     std::vector<Changes> changes_;
-    std::unordered_set<std::string> backslashed_;
+    std::unordered_set<std::string, TextHash, std::equal_to<>> backslashed_;
 };
 
 }  // namespace qel::programs

@@ -12,6 +12,8 @@ using namespace std::string_view_literals;
 constexpr char32_t sign = 0x2060;  // word joiner: invisible, and without effect inside a name
 constexpr std::string_view signBytes = "\xe2\x81\xa0"sv;
 
+constexpr char32_t harmlessBracket = 0xFF3B;
+
 struct LookAlike {
     char32_t dangerous;
     char32_t harmless;
@@ -94,8 +96,26 @@ bool isSpace(char c) {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-bool isReserved(std::string_view text) {
-    return text == "__proto__" || text == "xLabel";
+/// Which bytes begin something that may have to go: everything else is copied in runs.
+struct Interesting {
+    bool is[256] = {};
+
+    constexpr Interesting() {
+        for (int c = 0; c < ' '; ++c)
+            is[c] = true;
+        for (const unsigned char c : {'"', '<', '>', '&', '`', '\\', '[', '\x7f', '\xc2', '\xd8', '\xe2'})
+            is[c] = true;
+    }
+};
+
+constexpr Interesting interesting;
+
+/// The bytes before the first interesting one.
+std::size_t plainRun(std::string_view text) {
+    std::size_t at = 0;
+    while (at < text.size() && !interesting.is[static_cast<unsigned char>(text[at])])
+        ++at;
+    return at;
 }
 
 /// One walk over a text.
@@ -104,37 +124,43 @@ class Cleaner {
     Cleaner(std::string& out, Skipped skipped) : out_(out), skipped_(skipped) {}
 
     Danger clean(std::string_view text) {
-        const bool reserved = isReserved(text);
-        for (std::size_t size = 0; !text.empty(); text.remove_prefix(size))
-            step(text, size);
-        if (reserved) {
-            out_ += signBytes;
-            danger_ = Danger::other;
+        while (!text.empty()) {
+            const std::size_t run = plainRun(text);
+            if (run > 0)
+                copy(text.substr(0, run));
+            else
+                text.remove_prefix(step(text));
+            text.remove_prefix(run);
         }
         return danger_;
     }
 
   private:
-    void step(std::string_view text, std::size_t& size) {
+    void copy(std::string_view run) {
+        out_ += run;
+        atStart_ = atStart_ && run.find_first_not_of(' ') == std::string_view::npos;
+        brackets_ = 0;
+    }
+
+    /// One character that begins with an interesting byte; returns its size.
+    std::size_t step(std::string_view text) {
+        std::size_t size = 0;
         const char32_t character = characterAt(text, size);
-        atStart_ = atStart_ && isSpace(text[0]);
+        const bool space = isSpace(text[0]);
         brackets_ = character == '[' ? brackets_ + 1 : 0;
         if (brackets_ == marksOfPlaceholder) {
-            replace(0xFF3B, Danger::other);
+            replace(harmlessBracket, Danger::other);
             brackets_ = 0;
-        } else if (isSpace(text[0]) && isSkipped()) {
+        } else if (space && (skipped_ == Skipped::everywhere || (skipped_ == Skipped::atStart && atStart_))) {
             out_ += ' ';
-            if (text[0] != ' ')
-                danger_ = Danger::other;
+            danger_ = Danger::other;
         } else if (const char32_t harmless = lookAlikeOf(character)) {
             replace(harmless, character == '\\' ? Danger::backslash : Danger::other);
         } else {
             out_ += text.substr(0, size);
         }
-    }
-
-    bool isSkipped() const {
-        return skipped_ == Skipped::everywhere || (skipped_ == Skipped::atStart && atStart_);
+        atStart_ = atStart_ && space;
+        return size;
     }
 
     void replace(char32_t harmless, Danger danger) {
@@ -159,9 +185,25 @@ Danger appendClean(std::string& out, std::string_view text, Skipped skipped) {
     return Cleaner(out, skipped).clean(text);
 }
 
+Danger appendCleanName(std::string& out, std::string_view name) {
+    const Danger danger = appendClean(out, name);
+    if (!isReservedName(name))
+        return danger;
+    out += signBytes;
+    return Danger::other;
+}
+
+bool isReservedName(std::string_view name) {
+    return name == "__proto__" || name == "xLabel";
+}
+
+bool isPlain(std::string_view text) {
+    return plainRun(text) == text.size();
+}
+
 std::string cleanText(std::string_view text) {
     std::string out;
-    appendClean(out, text);
+    appendCleanName(out, text);
     return out;
 }
 
@@ -187,41 +229,75 @@ namespace {
 
 using Byte = unsigned char;
 
-/// A byte and its successor. Written without branches, for the compiler to do many at once.
-inline Byte isDangerousPair(Byte c, Byte next) {
-    const bool lineEnd = (c == '\n') | ((c == '\r') & (next == '\n'));
-    const bool control = ((c < 0x20) & !lineEnd) | (c == 0x7F);
-    const bool markup = ((c | 0x04) == '&') | ((c | 0x02) == '>') | (c == '`') | (c == '\\');
-    const bool lead = ((c | 0x20) == 0xE2) | (c == 0xD8);  // begins a character that may have to go
-    const bool pair = ((c == next) & ((c == '[') | (c == '_'))) | ((c == 'x') & (next == 'L'));
-    return static_cast<Byte>(control | markup | lead | pair);
+constexpr std::size_t blockSize = 32;
+using Block [[gnu::vector_size(blockSize)]] = Byte;
+
+/// Adds to `danger` what a byte and its successor are, or as many of them as a block holds at once. Nothing branches.
+/// (By reference, because blocks as values are passed differently with and without their instructions.)
+template <class T>
+inline void addDanger(const T& c, const T& next, T& danger) {
+    const auto control = (c < 0x20) & (c != '\n') & ((c != '\r') | (next != '\n'));
+    const auto markup = ((c | 0x04) == '&') | ((c | 0x02) == '>') | (c == '`') | (c == '\\') | (c == 0x7F);
+    const auto lead = ((c | 0x20) == 0xE2) | (c == 0xD8);  // begins a character that may have to go
+    const auto pair = ((c == next) & ((c == '[') | (c == '_'))) | ((c == 'x') & (next == 'L'));
+    danger |= T(control | markup | lead | pair);
 }
 
-constexpr std::size_t block = 256;
+/// Blocks that are looked at together; so few that the line feeds among them fit into a byte.
+constexpr std::size_t stride = 16 * blockSize;
 
-/// Whether anything in a block and the byte behind it is dangerous.
+std::uint64_t sumOfBytes(const Block& block) {
+    std::uint64_t sum = 0;
+    for (std::size_t i = 0; i < blockSize; ++i)
+        sum += block[i];
+    return sum;
+}
+
+/// Whether anything in a stride and the byte behind it is dangerous; adds its line feeds to `lines`.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
 __attribute__((target_clones("avx2", "default")))
 #endif
-bool isDangerousBlock(const Byte* bytes) {
-    Byte danger = 0;
-    for (std::size_t i = 0; i < block; ++i)
-        danger = static_cast<Byte>(danger | isDangerousPair(bytes[i], bytes[i + 1]));
-    return danger != 0;
+bool isDangerousStride(const Byte* bytes, std::uint64_t& lines) {
+    Block danger = {};
+    Block lineFeeds = {};
+    for (std::size_t i = 0; i < stride; i += blockSize) {
+        Block c, next;
+        std::memcpy(&c, bytes + i, blockSize);
+        std::memcpy(&next, bytes + i + 1, blockSize);
+        addDanger(c, next, danger);
+        lineFeeds -= Block(c == '\n');  // true is -1
+    }
+    lines += sumOfBytes(lineFeeds);
+    std::uint64_t words[blockSize / sizeof(std::uint64_t)];
+    std::memcpy(words, &danger, blockSize);
+    return (words[0] | words[1] | words[2] | words[3]) != 0;
 }
 
 }  // namespace
 
-bool looksDangerous(std::string_view text) {
-    const auto* bytes = reinterpret_cast<const Byte*>(text.data());
+void DangerScan::look(std::string_view piece) {
+    if (piece.empty())
+        return;
+    const auto* bytes = reinterpret_cast<const Byte*>(piece.data());
+    int danger = 0;
+    addDanger<int>(last_, bytes[0], danger);
     std::size_t at = 0;
-    for (; text.size() - at > block; at += block)
-        if (isDangerousBlock(bytes + at))
-            return true;
-    for (; at < text.size(); ++at)
-        if (isDangerousPair(bytes[at], at + 1 < text.size() ? bytes[at + 1] : Byte{'\n'}) != 0)
-            return true;
-    return false;
+    bool dangerous = false;
+    for (; piece.size() - at > stride; at += stride)
+        dangerous |= isDangerousStride(bytes + at, lines_);
+    for (; at + 1 < piece.size(); ++at) {
+        addDanger<int>(bytes[at], bytes[at + 1], danger);
+        lines_ += bytes[at] == '\n';
+    }
+    last_ = bytes[at];
+    lines_ += last_ == '\n';
+    dangerous_ |= dangerous || danger != 0;
+}
+
+bool DangerScan::foundDanger() const {
+    int danger = 0;
+    addDanger<int>(last_, '\n', danger);
+    return dangerous_ || danger != 0;
 }
 
 }  // namespace qel::programs

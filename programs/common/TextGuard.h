@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -29,14 +30,33 @@ enum class Skipped { nowhere, atStart, everywhere };
 /// Appends the cleaned text to `out`.
 Danger appendClean(std::string& out, std::string_view text, Skipped skipped = Skipped::nowhere);
 
-/// The cleaned text.
+/// The same for a text that becomes a member of a script object: a user's or a group's name.
+Danger appendCleanName(std::string& out, std::string_view name);
+bool isReservedName(std::string_view name);
+
+/// The cleaned name, or any other text.
 std::string cleanText(std::string_view text);
 
 /// The text that `cleanText` was made of.
 std::string originalText(std::string_view cleaned);
 
-/// Whether a text may hold anything that has to be replaced; a quick look that is sometimes wrong to the careful
-/// side. Line ends and carriage returns before them are no danger.
-bool looksDangerous(std::string_view text);
+/// Whether a text surely holds nothing to be replaced but perhaps a reserved name; made for short texts.
+bool isPlain(std::string_view text);
+
+/// Looks at a large text piece by piece as it is read, and tells whether it may hold anything that has to be
+/// replaced, reserved names included: a look that is sometimes wrong to the careful side. Line ends and carriage
+/// returns before them are no danger. Counts the line feeds on the way.
+class DangerScan {
+  public:
+    void look(std::string_view piece);
+    /// To be asked behind the last piece.
+    bool foundDanger() const;
+    std::uint64_t lines() const { return lines_; }
+
+  private:
+    bool dangerous_ = false;
+    std::uint64_t lines_ = 0;
+    unsigned char last_ = '\n';
+};
 
 }  // namespace qel::programs

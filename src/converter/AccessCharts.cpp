@@ -19,8 +19,49 @@ void AccessCharts::count(std::uint32_t name, const Day& day, std::string_view st
                          std::string_view series) {
     Viewer& viewer = viewerOf(name);
     const std::uint32_t visit = visitOf(viewer, name, day);
-    countIdentifier(viewer, name, day, visit, series, seriesKind);
-    countIdentifier(viewer, name, day, visit, study, studyKind);
+    enqueue(name, day, visit, series, seriesKind);
+    // Series of one study are mostly looked at one after the other; the study is counted with the first.
+    if (viewer.lastStudy.data() == nullptr || viewer.lastStudy != study)
+        enqueue(name, day, visit, study, studyKind);
+    viewer.lastStudy = study;
+}
+
+void AccessCharts::enqueue(std::uint32_t name, const Day& day, std::uint32_t visit,
+                           std::string_view identifier, Kind kind) {
+    const std::uint32_t hash = TextNumbers::hashOf(identifier);
+    identifiers_.callSlot(hash);
+    pending_.push_back({name, visit, day, identifier, kind, hash, 0, false});
+    if (pending_.size() == batchSize)
+        countBatch();
+}
+
+void AccessCharts::countBatch() {
+    for (const Pending& access : pending_)
+        identifiers_.callEntry(access.hash);
+    for (const Pending& access : pending_)
+        identifiers_.callText(access.hash);
+    for (Pending& access : pending_) {
+        access.low = lowHalf(identifiers_.numberOf(access.identifier, access.hash), access.kind);
+        seen_.call(pairKey(access.visit, access.low));
+    }
+    for (Pending& access : pending_) {
+        // The very same access again: no chart counts it twice.
+        access.isNew = seen_.insert(pairKey(access.visit, access.low));
+        if (access.isNew)
+            callForSets(access);
+    }
+    for (const Pending& access : pending_)
+        if (access.isNew)
+            countNew(access);
+    pending_.clear();
+}
+
+void AccessCharts::callForSets(const Pending& access) const {
+    const Visit& visit = visits_[access.visit - 1];
+    seenInMonth_.call(pairKey(visit.inMonth, access.low));
+    seenByUser_.call(pairKey(visit.ofUser, access.low));
+    for (const std::uint32_t group : visit.ofGroups)
+        seenByGroup_.call(pairKey(group, access.low));
 }
 
 AccessCharts::Viewer& AccessCharts::viewerOf(std::uint32_t name) {
@@ -37,6 +78,7 @@ AccessCharts::Viewer& AccessCharts::viewerOf(std::uint32_t name) {
 std::uint32_t AccessCharts::visitOf(Viewer& viewer, std::uint32_t name, const Day& day) {
     if (viewer.lastDay != day.number) {
         viewer.lastDay = day.number;
+        viewer.lastStudy = {};
         viewer.lastVisit = visitNumbers_.numberOf(pairKey(name, day.number));
         if (viewer.lastVisit > visits_.size())
             visits_.push_back(makeVisit(name, day));
@@ -57,52 +99,50 @@ AccessCharts::Visit AccessCharts::makeVisit(std::uint32_t name, const Day& day) 
     return visit;
 }
 
-void AccessCharts::countIdentifier(Viewer& viewer, std::uint32_t name, const Day& day, std::uint32_t visit,
-                                   std::string_view identifier, Kind kind) {
-    const std::uint32_t low = lowHalf(identifiers_.numberOf(identifier), kind);
-    if (!seen_.insert(pairKey(visit, low)))
-        return;  // the very same access: no chart counts it twice
-    if (kind == seriesKind)
-        counts_.viewedPerUserPerMonth.increaseByOne(day.month, day.year, viewer.series);
-    if (AccessKeys::isPlain(day.day, identifier))
-        countPlain(viewer, name, day, visits_[visit - 1], low, kind);
+void AccessCharts::countNew(const Pending& access) {
+    if (access.kind == seriesKind)
+        counts_.viewedPerUserPerMonth.increaseByOne(access.day.month, access.day.year,
+                                                    viewers_[access.name].series);
+    if (AccessKeys::isPlain(access.day.day, access.identifier))
+        countPlain(access);
     else
-        countJoined(viewer, name, day, identifier, kind);
+        countJoined(access);
 }
 
-void AccessCharts::countPlain(Viewer& viewer, std::uint32_t name, const Day& day, const Visit& visit,
-                              std::uint32_t low, Kind kind) {
-    if (seenInMonth_.insert(pairKey(visit.inMonth, low)))
-        counts_.viewedPerMonth.increaseByOne(day.month, day.year, static_cast<int>(kind));
-    if (seenByUser_.insert(pairKey(visit.ofUser, low)))
-        ++viewer.totals[kind];
-    const std::vector<std::uint32_t>& groups = users_.groupsOf(name);
+void AccessCharts::countPlain(const Pending& access) {
+    const Visit& visit = visits_[access.visit - 1];
+    if (seenInMonth_.insert(pairKey(visit.inMonth, access.low)))
+        counts_.viewedPerMonth.increaseByOne(access.day.month, access.day.year,
+                                             static_cast<int>(access.kind));
+    if (seenByUser_.insert(pairKey(visit.ofUser, access.low)))
+        ++viewers_[access.name].totals[access.kind];
+    const std::vector<std::uint32_t>& groups = users_.groupsOf(access.name);
     for (std::size_t i = 0; i < groups.size(); ++i)
-        if (seenByGroup_.insert(pairKey(visit.ofGroups[i], low)))
-            countForGroup(groups[i], kind);
+        if (seenByGroup_.insert(pairKey(visit.ofGroups[i], access.low)))
+            countForGroup(groups[i], access.kind);
 }
 
-void AccessCharts::countJoined(Viewer& viewer, std::uint32_t name, const Day& day,
-                               std::string_view identifier, Kind kind) {
-    const std::string user(users_.name(name));
-    AccessKeys::Key key = keys_.keyOf(user, day.day, identifier);
+void AccessCharts::countJoined(const Pending& access) {
+    const Day& day = access.day;
+    const std::string user(users_.name(access.name));
+    AccessKeys::Key key = keys_.keyOf(user, day.day, access.identifier);
     const std::uint32_t inMonth =
         monthPlaces_.numberOf(placeKey(key.prefix, joinedDays_.numberOf(day.month, day.year, key.day)));
-    if (seenInMonth_.insert(pairKey(inMonth, lowHalf(key.identifier, kind))))
-        counts_.viewedPerMonth.increaseByOne(day.month, day.year, static_cast<int>(kind));
+    if (seenInMonth_.insert(pairKey(inMonth, lowHalf(key.identifier, access.kind))))
+        counts_.viewedPerMonth.increaseByOne(day.month, day.year, static_cast<int>(access.kind));
 
-    key = keys_.keyOf(user + "-", day.day, identifier);
+    key = keys_.keyOf(user + "-", day.day, access.identifier);
     const std::uint32_t ofUser =
         userPlaces_.numberOf(placeKey(key.prefix, static_cast<std::uint32_t>(key.day)));
-    if (seenByUser_.insert(pairKey(ofUser, lowHalf(key.identifier, kind))))
-        ++viewer.totals[kind];
+    if (seenByUser_.insert(pairKey(ofUser, lowHalf(key.identifier, access.kind))))
+        ++viewers_[access.name].totals[access.kind];
 
-    for (const std::uint32_t group : users_.groupsOf(name)) {
-        key = keys_.keyOf(groupPrefix(group, name), day.day, identifier);
+    for (const std::uint32_t group : users_.groupsOf(access.name)) {
+        key = keys_.keyOf(groupPrefix(group, access.name), day.day, access.identifier);
         const std::uint32_t ofGroup =
             groupPlaces_.numberOf(placeKey(key.prefix, static_cast<std::uint32_t>(key.day)));
-        if (seenByGroup_.insert(pairKey(ofGroup, lowHalf(key.identifier, kind))))
-            countForGroup(group, kind);
+        if (seenByGroup_.insert(pairKey(ofGroup, lowHalf(key.identifier, access.kind))))
+            countForGroup(group, access.kind);
     }
 }
 
@@ -117,6 +157,7 @@ void AccessCharts::countForGroup(std::uint32_t group, Kind kind) {
 }
 
 void AccessCharts::finish() {
+    countBatch();
     for (int kind = 0; kind < static_cast<int>(kinds); ++kind) {
         const auto at = static_cast<std::size_t>(kind);
         for (std::uint32_t name = 0; name < viewers_.size(); ++name)

@@ -38,18 +38,35 @@ class AccessCharts {
         int series = -1;  ///< of chart 9; negative while the user has viewed nothing
         std::uint32_t lastDay = 0;
         std::uint32_t lastVisit = 0;
+        std::string_view lastStudy;  ///< of the last visit
         Totals totals{};
     };
+
+    /// One identifier of an access that waits to be counted. They are worked off in batches, step by step, since
+    /// a step of a single one would mostly wait for memory.
+    struct Pending {
+        std::uint32_t name;
+        std::uint32_t visit;
+        Day day;
+        std::string_view identifier;
+        Kind kind;
+        std::uint32_t hash;
+        std::uint32_t low;  ///< second half of the once-keys
+        bool isNew;
+    };
+    static constexpr std::size_t batchSize = 128;
+
+    void enqueue(std::uint32_t name, const Day& day, std::uint32_t visit, std::string_view identifier,
+                 Kind kind);
+    void countBatch();
+    void callForSets(const Pending& access) const;
+    void countNew(const Pending& access);
 
     Viewer& viewerOf(std::uint32_t name);
     std::uint32_t visitOf(Viewer& viewer, std::uint32_t name, const Day& day);
     Visit makeVisit(std::uint32_t name, const Day& day);
-    void countIdentifier(Viewer& viewer, std::uint32_t name, const Day& day, std::uint32_t visit,
-                         std::string_view identifier, Kind kind);
-    void countPlain(Viewer& viewer, std::uint32_t name, const Day& day, const Visit& visit, std::uint32_t low,
-                    Kind kind);
-    void countJoined(Viewer& viewer, std::uint32_t name, const Day& day, std::string_view identifier,
-                     Kind kind);
+    void countPlain(const Pending& access);
+    void countJoined(const Pending& access);
     std::string groupPrefix(std::uint32_t group, std::uint32_t name) const;
     void countForGroup(std::uint32_t group, Kind kind);
 
@@ -57,6 +74,7 @@ class AccessCharts {
     UserDirectory& users_;
     TextNumbers identifiers_;
     AccessKeys keys_{identifiers_};
+    std::vector<Pending> pending_;
     Calendar joinedDays_;
     KeyNumbers visitNumbers_;
     std::vector<Visit> visits_;

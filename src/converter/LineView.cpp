@@ -89,10 +89,15 @@ LineView::LineView(std::string_view text) {
     else
         fourth = left;
     parsed = true;
+    hasZero_ = std::memchr(first.data(), 0, static_cast<std::size_t>(end - first.data())) != nullptr;
     time = first;
-    user = untilZero(second);
-    device = untilZero(third);
-    event = untilZero(fourth);
+    user = asText(second);
+    device = asText(third);
+    event = asText(fourth);
+}
+
+std::string_view LineView::asText(std::string_view field) const {
+    return hasZero_ ? untilZero(field) : field;
 }
 
 std::string_view LineView::param(std::size_t index) const {
@@ -101,10 +106,23 @@ std::string_view LineView::param(std::size_t index) const {
         left.remove_prefix(1);
         const std::size_t length = std::min(left.find(separator), left.size());
         if (index-- == 0)
-            return untilZero(left.substr(0, length));
+            return asText(left.substr(0, length));
         left.remove_prefix(length);
     }
     return {};
+}
+
+bool LineView::firstParams(std::string_view* params, std::size_t count) const {
+    std::string_view left = rest;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (left.empty())
+            return false;
+        left.remove_prefix(1);
+        const std::size_t length = std::min(left.find(separator), left.size());
+        params[i] = asText(left.substr(0, length));
+        left.remove_prefix(length);
+    }
+    return true;
 }
 
 }  // namespace qel

@@ -40,6 +40,15 @@ struct LineView {
     /// The field with this index behind the event. Its data pointer is null when the line has no such field.
     std::string_view param(std::size_t index) const;
     bool hasParam(std::size_t index) const { return param(index).data() != nullptr; }
+
+    /// The first `count` fields behind the event into `params`; false when the line has fewer.
+    bool firstParams(std::string_view* params, std::size_t count) const;
+
+  private:
+    /// A field as it reaches whoever takes C strings.
+    std::string_view asText(std::string_view field) const;
+
+    bool hasZero_ = false;
 };
 
 /// The line without blanks, tabs, carriage returns and line feeds at both ends.

@@ -1,8 +1,11 @@
 #include "converter/Numbering.h"
 
+#include <sys/mman.h>
+
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <random>
 
 namespace qel {
@@ -45,7 +48,28 @@ std::uint64_t load(const char* bytes, std::size_t size) {
     return word;
 }
 
-std::uint64_t hashOf(std::string_view text) {
+bool tooFull(std::size_t entries, std::size_t slots) {
+    return entries * 3 > slots * 2;
+}
+
+}  // namespace
+
+void* allocateLarge(std::size_t bytes) {
+    constexpr std::size_t largePage = std::size_t{2} << 20;
+    const std::size_t page = bytes < largePage ? alignof(std::max_align_t) : largePage;
+    void* const memory = std::aligned_alloc(page, (bytes + page - 1) / page * page);
+    if (memory == nullptr)
+        throw std::bad_alloc();
+    if (page == largePage)
+        ::madvise(memory, bytes, MADV_HUGEPAGE);  // no harm where it fails
+    return memory;
+}
+
+// TextNumbers ------------------------------------------------------------------------------------------------
+
+TextNumbers::TextNumbers() : slots_(firstSlots) {}
+
+std::uint32_t TextNumbers::hashOf(std::string_view text) {
     std::uint64_t hash = seed ^ text.size();
     const char* at = text.data();
     std::size_t left = text.size();
@@ -58,58 +82,52 @@ std::uint64_t hashOf(std::string_view text) {
     }
     if (left > 0)
         hash = folded(load(at, left) ^ 0xc2b2ae3d27d4eb4fU ^ hash, seed);
-    return mixed(hash);
+    return static_cast<std::uint32_t>(mixed(hash));
 }
 
-bool tooFull(std::size_t entries, std::size_t slots) {
-    return entries * 3 > slots * 2;
-}
-
-}  // namespace
-
-// TextNumbers ------------------------------------------------------------------------------------------------
-
-TextNumbers::TextNumbers() : slots_(firstSlots) {}
-
-TextNumbers::Slot& TextNumbers::find(std::string_view text, std::uint64_t hash) {
+TextNumbers::Slot& TextNumbers::find(std::string_view text, std::uint32_t hash) {
     const std::size_t mask = slots_.size() - 1;
-    const auto tag = static_cast<std::uint32_t>(hash >> 32);
     for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
         Slot& slot = slots_[at];
-        if (slot.number == 0 || (slot.tag == tag && texts_[slot.number - 1] == text))
+        if (slot.number == 0 || (slot.hash == hash && texts_[slot.number - 1] == text))
             return slot;
     }
 }
 
-std::uint32_t TextNumbers::enter(Slot& slot, std::string_view text, std::uint64_t hash) {
+std::uint32_t TextNumbers::enter(Slot& slot, std::string_view text, std::uint32_t hash) {
     texts_.push_back(text);
-    slot = {static_cast<std::uint32_t>(hash >> 32), count()};
+    slot = {hash, count()};
     if (tooFull(texts_.size(), slots_.size()))
         grow();
     return count() - 1;
 }
 
 std::uint32_t TextNumbers::numberOf(std::string_view text) {
-    const std::uint64_t hash = hashOf(text);
+    return numberOf(text, hashOf(text));
+}
+
+std::uint32_t TextNumbers::numberOf(std::string_view text, std::uint32_t hash) {
     Slot& slot = find(text, hash);
     return slot.number != 0 ? slot.number - 1 : enter(slot, text, hash);
 }
 
 std::uint32_t TextNumbers::numberOfCopy(std::string_view text) {
-    const std::uint64_t hash = hashOf(text);
+    const std::uint32_t hash = hashOf(text);
     Slot& slot = find(text, hash);
     return slot.number != 0 ? slot.number - 1 : enter(slot, copies_.emplace_back(text), hash);
 }
 
 void TextNumbers::grow() {
-    slots_.assign(slots_.size() * 2, Slot{});
+    Table<Slot> before(slots_.size() * 2);
+    before.swap(slots_);
     const std::size_t mask = slots_.size() - 1;
-    for (std::uint32_t number = 0; number < count(); ++number) {
-        const std::uint64_t hash = hashOf(texts_[number]);
-        std::size_t at = hash & mask;
+    for (const Slot& slot : before) {
+        if (slot.number == 0)
+            continue;
+        std::size_t at = slot.hash & mask;
         while (slots_[at].number != 0)
             at = (at + 1) & mask;
-        slots_[at] = {static_cast<std::uint32_t>(hash >> 32), number + 1};
+        slots_[at] = slot;
     }
 }
 
@@ -133,7 +151,7 @@ std::uint32_t KeyNumbers::numberOf(std::uint64_t key) {
 }
 
 void KeyNumbers::grow() {
-    std::vector<Slot> before(slots_.size() * 2);
+    Table<Slot> before(slots_.size() * 2);
     before.swap(slots_);
     const std::size_t mask = slots_.size() - 1;
     for (const Slot& slot : before) {
@@ -150,6 +168,10 @@ void KeyNumbers::grow() {
 
 OnceSet::OnceSet() : slots_(firstSlots) {}
 
+void OnceSet::call(std::uint64_t key) const {
+    __builtin_prefetch(&slots_[mixed(key) & (slots_.size() - 1)]);
+}
+
 bool OnceSet::insert(std::uint64_t key) {
     const std::size_t mask = slots_.size() - 1;
     std::size_t at = mixed(key) & mask;
@@ -165,7 +187,7 @@ bool OnceSet::insert(std::uint64_t key) {
 }
 
 void OnceSet::grow() {
-    std::vector<std::uint64_t> before(slots_.size() * 2);
+    Table<std::uint64_t> before(slots_.size() * 2);
     before.swap(slots_);
     const std::size_t mask = slots_.size() - 1;
     for (const std::uint64_t key : before) {

@@ -47,10 +47,11 @@ void walkAuditLog(std::string_view text, UserDirectory& users, UsageCounts& coun
         const Day& day = calendar.dayOf(line.time);
         if (!day.plausible)
             return;
-        if (line.event == "DataAccess" && line.hasParam(1))
-            access.count(user.name, day, line.param(0), line.param(1));
-        else if (line.event == "DataShare" && line.hasParam(2))
-            sharing.count(day, calendar.monthNumber(day), line.param(0), line.param(2));
+        std::string_view params[3];
+        if (line.event == "DataAccess" && line.firstParams(params, 2))
+            access.count(user.name, day, params[0], params[1]);
+        else if (line.event == "DataShare" && line.firstParams(params, 3))
+            sharing.count(day, calendar.monthNumber(day), params[0], params[2]);
     });
     access.finish();
 }

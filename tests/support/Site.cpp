@@ -67,7 +67,13 @@ void Site::killDaemon() {
 }
 
 int Site::stopDaemon() {
-    daemon_->signal(SIGTERM);
+    // Under a tracer the daemon is the tracer's child.
+    const std::string parent = std::to_string(daemon_->pid());
+    const std::string child = TemporaryFolder::read("/proc/" + parent + "/task/" + parent + "/children");
+    if (child.empty())
+        daemon_->signal(SIGTERM);
+    else
+        ::kill(std::stoi(child), SIGTERM);
     return daemon_->wait(std::chrono::seconds(30));
 }
 
