@@ -1,8 +1,10 @@
 #include "auditing/AuditSequence.h"
 
+#include <atomic>
 #include <utility>
 
 #include "qelCore/System.h"
+#include "qelCore/logging/MessageStream.h"
 #include "store/AuditRecord.h"
 
 namespace qel {
@@ -10,6 +12,23 @@ namespace qel {
 // Constant-initialised, so that other static initialisers may already use Interaction().
 constinit AuditSequence AuditSequence::default_;
 constinit AuditSequence* AuditSequence::interaction_ = nullptr;
+
+namespace {
+
+#ifndef NDEBUG
+constinit std::atomic_flag told = ATOMIC_FLAG_INIT;
+
+/// A host that never registers its sequence records nothing, and nothing else would ever tell its developer.
+void tellOnceThatNobodyListens() {
+    if (!told.test_and_set())
+        logging::MessageStream(1, 2)
+            << "an event was appended to the interaction sequence before setInteraction, and dropped";
+}
+#else
+void tellOnceThatNobodyListens() {}
+#endif
+
+}  // namespace
 
 AuditSequence::AuditSequence(const AuditSequence& other) = default;
 AuditSequence::AuditSequence(AuditSequence&& other) noexcept = default;
@@ -40,8 +59,11 @@ bool AuditSequence::isNullSequence() const {
 }
 
 void AuditSequence::append(const Item& event) const {
-    if (isNullSequence())
+    if (isNullSequence()) {
+        if (this == &default_)
+            tellOnceThatNobodyListens();
         return;
+    }
     record::queueKey(path_, System::getUTCDateTimeUnique()).store(event);
 }
 

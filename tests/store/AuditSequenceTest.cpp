@@ -5,6 +5,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "qelCore/logging/CaptureSink.h"
 #include "support/AuditStore.h"
 
 namespace qel {
@@ -160,6 +161,25 @@ TEST_F(AuditSequenceTest, InteractionIsANullSequenceUntilOneIsRegistered) {
 
     AuditSequence::setInteraction(*interactionAtStart);
     EXPECT_EQ(&AuditSequence::Interaction(), interactionAtStart);
+}
+
+// Once per process, so in a process of its own.
+TEST(AuditSequenceDeathTest, DebugBuildTellsOnceThatNobodyRegisteredTheInteractionSequence) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+#ifdef NDEBUG
+    constexpr int expected = 0;
+#else
+    constexpr int expected = 1;
+#endif
+    EXPECT_EXIT(
+        {
+            logging::CaptureSink log;
+            AuditSequence().append(event("E"));
+            for (int i = 0; i < 3; ++i)
+                AuditSequence::Interaction().append(event("E"));
+            std::_Exit(log.count("before setInteraction") == expected ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
