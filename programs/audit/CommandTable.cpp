@@ -21,6 +21,7 @@ const std::vector<Command>& auditCommands() {
         {"export", "write a range of a log of a store on this machine", runExport},
         {"report", "turn exported logs into a report page", runReport},
         {"store", "look at, check, copy, trim and move a store", runStore},
+        {"doctor", "find what keeps a daemon or a workstation from working", runDoctor},
         {"simulate", "write the events of an imagined site", runSimulate},
     };
     return commands;

@@ -33,6 +33,7 @@ int runStoreBackup(CommandLine& line);
 int runStoreRestore(CommandLine& line);
 int runStorePrune(CommandLine& line);
 int runStoreCopy(CommandLine& line);
+int runDoctor(CommandLine& line);
 int runSimulate(CommandLine& line);
 
 }  // namespace qel::programs

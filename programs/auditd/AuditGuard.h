@@ -24,6 +24,8 @@ class AuditGuard : public RpcGuard {
     /// Takes effect with the next call.
     void setAuditors(std::vector<std::string> auditors);
 
+    bool mayRead(const std::string& user) const;
+
     bool permits(const RpcCaller& caller, const RpcProvider::Call& call) override;
     /// Refuses lines that are too many by counting them: cheaper than making them.
     std::string examine(const RpcCaller& caller, const RpcProvider::Call& call, const Item& arguments,
@@ -34,7 +36,7 @@ class AuditGuard : public RpcGuard {
 
   private:
     const Logs logs_;
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::set<std::string> auditors_;
 };
 

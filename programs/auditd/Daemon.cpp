@@ -104,6 +104,17 @@ void Daemon::offerRemoteCalls() {
     AuditExport::registerRpcCalls(&calls_, auditTrail, interactionLog);
     guard_ = std::make_unique<AuditGuard>(
         AuditGuard::Logs{auditTrail, interactionLog, config_.audit.anonymous}, config_.auditors);
+    calls_.groupName = statusGroup;
+    calls_.addRPC(
+        statusCall,
+        [guard = guard_.get()](const RpcContext& context) {
+            context.getResult().addInteger(System::getUTCDateTime());
+            context.getResult().addBool(guard->mayRead(context.getUser().str()));
+            context.finish();
+        },
+        "() : UTCDateTime now, Bool mayReadLogs",
+        "The clock of the service, and whether the caller may read the logs.");
+    calls_.groupName = nullptr;
     RpcServiceOptions options;
     options.directory = config_.resolve(config_.transferDirectory);
     options.callSeconds = static_cast<unsigned>(config_.callSeconds);

@@ -5,9 +5,6 @@
 #include "common/LogPath.h"
 
 namespace qel::programs {
-namespace {
-
-/// Tells identities apart in the store without writing the names there.
 std::string identityFingerprint(const Credentials& credentials) {
     const Identity identity =
         Identity::make(credentials.getUserName(), credentials.getDeviceName(), SiteKey());
@@ -21,8 +18,6 @@ std::string identityFingerprint(const Credentials& credentials) {
         }
     return text;
 }
-
-}  // namespace
 
 Workstation::Workstation(const std::string& configFile, Use use) {
     readConfig(configFile, config_);

@@ -14,6 +14,9 @@ namespace qel::programs {
 /// nothing is queued that cannot be delivered.
 constexpr std::size_t largestEvent = 60 * 1024;
 
+/// Tells identities apart in a store without writing their names there.
+std::string identityFingerprint(const Credentials& credentials);
+
 /// A workstation as its configuration describes it: identity, queues and the store that they lie in, which is the
 /// process's current one while this object lives. Used by one thread, apart from the store itself.
 class Workstation {
