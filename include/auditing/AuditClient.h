@@ -76,7 +76,7 @@ class QELAUDITING_EXPORT AuditClient::AuditQuery : public Client::Query {
 
   private:
     bool connectionTakesPackets() const;
-    bool processEntry(Item& position);
+    bool processEntry(Item& position, Item& event);
     bool readEvent(Item& position, Item& event);
     bool send(Item& position, long long time, const Item& event);
     void removeDamaged(Item& position, const char* message);

@@ -126,7 +126,7 @@ int runDownload(CommandLine& line) {
     line.requiredTime("--to", to, "last time, included");
     line.choice("--log", wanted.log, {"interaction", "audit", "both"}, "which log");
     line.requiredText("--into", "DIR", into, "folder for the files, made when missing");
-    line.example("qel-audit download --config qel-audit.toml --from 2026-Q1 --to 2026-Q1 --into logs");
+    line.example("qel-audit download --config anna.toml --from 2026-Q1 --to 2026-Q1 --into logs");
     if (const auto code = line.parse())
         return *code;
     if (from->first > to->last)

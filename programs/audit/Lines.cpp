@@ -116,9 +116,7 @@ int runLines(CommandLine& line) {
     line.requiredTime("--to", to, "end, not included");
     line.choice("--log", log, {"interaction", "audit"}, "which log");
     line.choice("--format", format, {"csv", "jsonl"}, "csv, or JSON Lines, which --json means too");
-    line.example(
-        "qel-audit lines --config qel-audit.toml --log audit --from 2026-03-01 --to 2026-03-01 --format "
-        "jsonl");
+    line.example("qel-audit lines --config anna.toml --log audit --from 2026-03 --to 2026-03");
     if (const auto code = line.parse())
         return *code;
     const std::int64_t end = endOf(*to);

@@ -67,6 +67,11 @@ bool readQueueTime(const Item& key, long long& time) {
     return key.trail().decodeElementAsInteger(time);
 }
 
+bool readQueueTime(const Item& key, std::size_t pathSize, long long& time) {
+    return Item::Iterator(ConstByteSpan(key.data() + pathSize, key.size() - pathSize))
+        .decodeElementAsInteger(time);
+}
+
 bool readCentralKey(const Item& key, long long& time, long long& origin) {
     Item last;
     if (!key.trail().decodeElementAsItem(last))

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 #include "qelCore/Item.h"
 
 /// The shapes of keys and values in queues and central logs: their one home. They lie on disk and are kept for good.
@@ -36,6 +38,8 @@ bool hasOrigin(ConstByteSpan value);
 
 /// Reads the time from the last element of a queue's key. False when that is not an integer.
 bool readQueueTime(const Item& key, long long& time);
+/// The same for a key one element below a path of `pathSize` bytes: what a walk over a whole queue can afford.
+bool readQueueTime(const Item& key, std::size_t pathSize, long long& time);
 
 /// Reads both integers from the last element of a central key. False when it has another shape; `time` then holds what
 /// could be read of it, or stays as it was.

@@ -44,20 +44,21 @@ void AuditClient::AuditQuery::processEvents() {
     Item position;
     if (!sequence_.getPath().child(position))
         return;
-    while (processEntry(position) && inFlight_.size() < window && position.next()) {
+    // One for all, so that its memory is taken once.
+    Item event;
+    while (processEntry(position, event) && inFlight_.size() < window && position.next()) {
     }
 }
 
 /// False when the walk must end because the session is over.
-bool AuditClient::AuditQuery::processEntry(Item& position) {
+bool AuditClient::AuditQuery::processEntry(Item& position, Item& event) {
     long long time = 0;
-    if (!record::readQueueTime(position, time)) {
+    if (!record::readQueueTime(position, sequence_.getPath().size(), time)) {
         removeDamaged(position, "invalid entry in audit log: ");
         return true;
     }
     if (inFlight_.contains(time))
         return true;
-    Item event;
     if (!readEvent(position, event)) {
         removeDamaged(position, "failed reading entry in audit log: ");
         return true;

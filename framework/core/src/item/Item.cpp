@@ -223,8 +223,9 @@ std::size_t Item::lastElement() const {
 Item Item::trail() const {
     Item out;
     const std::size_t start = lastElement();
-    out.assign(data_ + start, size_ - start);
-    out.last_ = 0;
+    const std::size_t length = size_ - start;
+    std::memcpy(out.reserve(length), data_ + start, length);
+    out.size_ = static_cast<unsigned>(length);
     return out;
 }
 

@@ -1,5 +1,7 @@
 #include "item/ItemCodec.h"
 
+#include <bit>
+
 #include "qelCore/Item.h"
 
 namespace qel::codec {
@@ -9,10 +11,7 @@ namespace {
 using Byte = unsigned char;
 
 unsigned bytesOf(unsigned long long magnitude) {
-    unsigned count = 1;
-    while (magnitude >>= 8)
-        ++count;
-    return count;
+    return static_cast<unsigned>((std::bit_width(magnitude | 1) + 7) / 8);
 }
 
 bool isInteger(Byte code) {
@@ -78,14 +77,8 @@ std::size_t encodeInteger(long long value, unsigned char* out) {
     return 1 + length;
 }
 
-const unsigned char* elementEnd(const unsigned char* at, const unsigned char* end, int depth) {
-    if (at == end)
-        return nullptr;
+const unsigned char* longElementEnd(const unsigned char* at, const unsigned char* end, int depth) {
     const Byte code = *at++;
-    if (isInteger(code)) {
-        const unsigned length = integerLength(code);
-        return static_cast<std::size_t>(end - at) < length ? nullptr : at + length;
-    }
     if (code == text || code == bytes) {
         const Byte* const mark = findEndMark(at, end);
         return mark == nullptr ? nullptr : mark + 1;

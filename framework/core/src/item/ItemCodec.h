@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -38,12 +39,41 @@ constexpr std::size_t longestInteger = 9;
 /// Writes the element and returns its length; `out` has room for `longestInteger` bytes.
 std::size_t encodeInteger(long long value, unsigned char* out);
 
+/// As `elementEnd`, for elements that are no integers.
+const unsigned char* longElementEnd(const unsigned char* at, const unsigned char* end, int depth);
+
 /// Where the element at `at` ends, or null when there is none before `end` or its frame is broken. Looks no further
 /// than needed to find the end: use it on bytes that are known to be good or that are decoded afterwards.
-const unsigned char* elementEnd(const unsigned char* at, const unsigned char* end, int depth = 0);
+inline const unsigned char* elementEnd(const unsigned char* at, const unsigned char* end, int depth = 0) {
+    if (at == end)
+        return nullptr;
+    if (*at < integerFirst || *at > integerLast)
+        return longElementEnd(at, end, depth);
+    const int length = *at - integerZero;
+    const int bytesBehind = length < 0 ? -length : length;
+    return end - at <= bytesBehind ? nullptr : at + 1 + bytesBehind;
+}
 
 /// True when the bytes are whole elements in their one valid form, nested at most `maxDepth` deep.
 bool isWellFormed(const unsigned char* at, const unsigned char* end, int maxDepth);
+
+/// Whether two byte strings of one length are equal; for keys, which are short.
+inline bool areEqual(const void* a, const void* b, std::size_t size) {
+    const auto* left = static_cast<const unsigned char*>(a);
+    const auto* right = static_cast<const unsigned char*>(b);
+    std::uint64_t x = 0;
+    std::uint64_t y = 0;
+    for (; size >= sizeof x; size -= sizeof x, left += sizeof x, right += sizeof x) {
+        std::memcpy(&x, left, sizeof x);
+        std::memcpy(&y, right, sizeof y);
+        if (x != y)
+            return false;
+    }
+    for (; size != 0; --size)
+        if (*left++ != *right++)
+            return false;
+    return true;
+}
 
 /// The integer of the element at `at`, which ends at `end`; false when it is no integer in its one valid form.
 bool decodeInteger(const unsigned char* at, const unsigned char* end, long long& value);

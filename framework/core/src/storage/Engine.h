@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "item/ItemCodec.h"
 #include "qelCore/StoreOptions.h"
 
 namespace qel::storage {
@@ -67,7 +68,7 @@ class EngineCursor {
     /// Gives the snapshot back; `refresh` takes another.
     virtual void rest() = 0;
     /// True while a snapshot is held.
-    virtual bool isLive() const = 0;
+    bool isLive() const { return live_; }
     /// For good: the thread ends, or the engine does. Under `lock`.
     virtual void retire() = 0;
 
@@ -83,12 +84,16 @@ class EngineCursor {
     bool positioned() const { return positioned_; }
     Bytes key() const { return key_; }
     Bytes value() const { return value_; }
-    bool isAt(Bytes key) const { return positioned_ && key_ == key; }
+    bool isAt(Bytes key) const {
+        return positioned_ && key_.size() == key.size() &&
+               codec::areEqual(key_.data(), key.data(), key.size());
+    }
 
   protected:
     Bytes key_;
     Bytes value_;
     bool positioned_ = false;
+    bool live_ = false;
 };
 
 /// What keeps the entries. Cursors come from any thread; `commit`, `adoptGrowth` are called by one thread at a time.

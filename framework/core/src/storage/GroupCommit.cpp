@@ -15,6 +15,9 @@ using namespace std::chrono_literals;
 // A snapshot unused for one to two of these is given back.
 constexpr auto sweepInterval = 100ms;
 constexpr auto idleInterval = 500ms;
+// Small against a flush, long enough for the writers of the last group to wake up and write again: without it they
+// would fall into two groups that wait for each other's flush by turns.
+constexpr auto gatherTime = 60us;
 
 long long microsecondsNow() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -99,6 +102,7 @@ void GroupCommit::submitAndWait(std::unique_ptr<PendingBatch> batch) {
 GroupCommit::Ticket GroupCommit::takeGroup() {
     committing_ = true;
     urgent_ = false;
+    lastCount_ = collecting_->batches.size();
     running_ = std::exchange(collecting_, std::make_shared<Group>());
     return running_;
 }
@@ -130,6 +134,17 @@ bool GroupCommit::isDue(Clock::time_point now) const {
     return urgent_ || stopping_ || now >= deadline_;
 }
 
+void GroupCommit::gather(std::unique_lock<std::mutex>& lock) {
+    if (lastCount_ < 2)
+        return;
+    const auto until = Clock::now() + gatherTime;
+    while (collecting_->batches.size() < lastCount_ && !stopping_ && Clock::now() < until) {
+        lock.unlock();
+        std::this_thread::yield();
+        lock.lock();
+    }
+}
+
 void GroupCommit::waitForWork(std::unique_lock<std::mutex>& lock) {
     const auto now = Clock::now();
     auto until = now + (sweeping_ ? Clock::duration(sweepInterval) : Clock::duration(idleInterval));
@@ -145,6 +160,10 @@ void GroupCommit::run() {
         ++turns_;
         const auto now = Clock::now();
         if (isDue(now)) {
+            gather(lock);
+            // A writer may have committed for itself, and for all, meanwhile.
+            if (!isDue(now))
+                continue;
             const Ticket group = takeGroup();
             lock.unlock();
             commitGroup(*group);

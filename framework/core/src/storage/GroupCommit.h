@@ -51,6 +51,7 @@ class GroupCommit {
     using Clock = std::chrono::steady_clock;
 
     void run();
+    void gather(std::unique_lock<std::mutex>& lock);
     void waitForWork(std::unique_lock<std::mutex>& lock);
     bool isDue(Clock::time_point now) const;
     Ticket takeGroup();
@@ -68,6 +69,8 @@ class GroupCommit {
     std::condition_variable room_;
     Ticket collecting_;
     Ticket running_;
+    // Batches of the last group: so many writers are likely to come back at once.
+    std::size_t lastCount_ = 0;
     Clock::time_point deadline_;
     bool urgent_ = false;
     bool committing_ = false;

@@ -108,12 +108,13 @@ ConstByteSpan ItemStore::fetch(const Item& key) {
     ConstByteSpan out;
     if (key.isEmpty())
         return out;
-    core_->read([&](StoreReader& reader) {
+    const auto find = [&](StoreReader& reader) {
         if (!reader.exactly(ItemNavigation::bytesOf(key)))
             return false;
         out = keep(core_->thread().fetched, reader.value());
         return true;
-    });
+    };
+    core_->read(find, StoreReader::Use::fetch);
     return out;
 }
 

@@ -15,7 +15,6 @@ class LmdbCursor final : public EngineCursor {
 
     Refreshed refresh() override;
     void rest() override;
-    bool isLive() const override { return live_; }
     bool seek(Bytes key) override;
     bool seekBefore(Bytes key) override;
     bool step() override { return move(MDB_NEXT); }
@@ -33,7 +32,6 @@ class LmdbCursor final : public EngineCursor {
     LmdbEngine& engine_;
     MDB_txn* transaction_ = nullptr;
     MDB_cursor* cursor_ = nullptr;
-    bool live_ = false;
 };
 
 }  // namespace qel::storage

@@ -24,7 +24,7 @@ class SeekKey {
 };
 
 bool isBelow(Bytes key, Bytes parent, std::size_t parentSize) {
-    return key.size() > parentSize && key.compare(0, parentSize, parent.substr(0, parentSize)) == 0 &&
+    return key.size() > parentSize && codec::areEqual(key.data(), parent.data(), parentSize) &&
            static_cast<unsigned char>(key[parentSize]) >= codec::firstCode;
 }
 
@@ -54,7 +54,7 @@ bool ItemNavigation::next(StoreReader& reader, Item& position) {
     const std::size_t parent = position.lastElement();
     bool found = reader.behind(key);
     // Descendants lie between a key and its sibling.
-    if (found && reader.key().compare(0, key.size(), key) == 0)
+    if (found && isBelow(reader.key(), key, key.size()))
         found = reader.atLeast(SeekKey(key, codec::aboveAll).bytes());
     return found && isBelow(reader.key(), key, parent) && moveTo(position, reader.key(), parent);
 }

@@ -64,6 +64,7 @@ void Overlay::put(const Write& write) {
         // The same bytes in the newer batch: the older one may go before the entry does.
         const_cast<Bytes&>(at->first) = write.key;
     }
+    ++generation_;
     count_.store(entries_.size(), std::memory_order_release);
 }
 
@@ -74,6 +75,7 @@ void Overlay::drop(const PendingBatch& batch) {
         if (at != entries_.end() && at->first.data() == write.key.data())
             entries_.erase(at);
     }
+    ++generation_;
     count_.store(entries_.size(), std::memory_order_release);
 }
 

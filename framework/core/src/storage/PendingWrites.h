@@ -74,6 +74,8 @@ class Overlay {
 
     /// Without locking: false only when everything written before by this thread is in the engine's newest snapshot.
     bool isEmpty() const { return count_.load(std::memory_order_acquire) == 0; }
+    /// Changes with every write of this process and with every commit; never 0.
+    std::uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
     const Map& entries() const { return entries_; }
     void put(const Write& write);
     /// Takes out what is still the batch's own.
@@ -82,6 +84,7 @@ class Overlay {
   private:
     Map entries_;
     std::atomic<std::size_t> count_{0};
+    std::atomic<std::uint64_t> generation_{1};
 };
 
 }  // namespace qel::storage

@@ -15,17 +15,6 @@ using storage::ThreadState;
 
 namespace {
 
-std::atomic<std::uint32_t> forks{0};
-
-void countFork() {
-    ++forks;
-}
-
-std::uint32_t watchForks() {
-    static const int registered = pthread_atfork(nullptr, nullptr, countFork);
-    return forks + static_cast<std::uint32_t>(registered) * 0;
-}
-
 std::string printKey(Bytes key) {
     Item item;
     item.setPlain(reinterpret_cast<const unsigned char*>(key.data()), std::min<std::size_t>(key.size(), 600));
@@ -41,6 +30,14 @@ std::unique_ptr<PendingBatch> makeBatch(ThreadState& state) {
 }
 
 }  // namespace
+
+std::atomic<std::uint32_t> StoreCore::forksSeen{0};
+
+std::uint32_t StoreCore::watchForks() {
+    static const int registered = pthread_atfork(nullptr, nullptr, [] { ++forksSeen; });
+    static_cast<void>(registered);
+    return forksSeen;
+}
 
 StoreCore::StoreCore(std::unique_ptr<storage::Engine> engine, std::string storeUrl,
                      const StoreOptions& storeOptions)
@@ -67,13 +64,7 @@ StoreCore::~StoreCore() {
     static_cast<void>(engine_.release());
 }
 
-bool StoreCore::isForeignProcess() const {
-    return forks_ != forks.load(std::memory_order_relaxed);
-}
-
-bool StoreCore::isUsable() const {
-    if (!isForeignProcess())
-        return true;
+bool StoreCore::reportForeign() const {
     logging::MessageStream(3, 2) << "the store " << url
                                  << " was opened before fork and cannot be used in the child";
     return false;

@@ -31,14 +31,14 @@ class StoreCore {
 
     /// Runs `action(reader)` on the newest state; false when the store cannot be read.
     template <typename Action>
-    bool read(Action action) {
+    bool read(Action action, storage::StoreReader::Use use = storage::StoreReader::Use::move) {
         if (!isUsable())
             return false;
         storage::ThreadState& state = thread();
         bool snapshotTaken = false;
         bool result = false;
         {
-            storage::StoreReader reader(*engine_, overlay_, state, snapshotTaken);
+            storage::StoreReader reader(*engine_, overlay_, state, use, snapshotTaken);
             result = reader.isReady() && action(reader);
         }
         if (snapshotTaken)
@@ -61,8 +61,8 @@ class StoreCore {
     CommitResult commitBatch();
 
     /// False, with a log line, in a child of `fork`.
-    bool isUsable() const;
-    bool isForeignProcess() const;
+    bool isUsable() const { return !isForeignProcess() || reportForeign(); }
+    bool isForeignProcess() const { return forks_ != forksSeen.load(std::memory_order_relaxed); }
 
     const std::string url;
     StoreOptions options;
@@ -70,6 +70,10 @@ class StoreCore {
     std::atomic<std::uint64_t> refused{0};
 
   private:
+    // Forks of this process and of its forebears; a store is of use only where it was opened.
+    static std::atomic<std::uint32_t> forksSeen;
+    static std::uint32_t watchForks();
+    bool reportForeign() const;
     bool refuse(storage::ThreadState& state, const std::string& reason);
     void passOn(storage::ThreadState& state);
 

@@ -2,29 +2,10 @@
 
 namespace qel::storage {
 
-StoreReader::StoreReader(Engine& engine, const Overlay& overlay, ThreadState& state, bool& snapshotTaken) {
-    if (state.cursor == nullptr)
-        state.cursor = engine.makeCursor();
-    cursor_ = state.cursor.get();
-    // First the overlay, then the snapshot: what leaves the overlay meanwhile is in the snapshot.
-    if (!overlay.isEmpty()) {
-        overlayLock_ = std::shared_lock(overlay.mutex);
-        pending_ = &overlay.entries();
-    }
-    ready_ = open(engine, snapshotTaken);
-}
-
-StoreReader::~StoreReader() {
-    cursor_->lock.unlock();
-}
-
-bool StoreReader::open(Engine& engine, bool& snapshotTaken) {
-    cursor_->lock.lock();
+bool StoreReader::refreshAgain(Engine& engine) {
     // More than one other process may grow the map at one time, but not for ever.
     for (int tries = 0; tries < 8 && !cursor_->closed; ++tries) {
-        const bool wasLive = cursor_->isLive();
         const Refreshed result = cursor_->refresh();
-        snapshotTaken = !wasLive;
         if (result != Refreshed::grown)
             return result == Refreshed::ok;
         cursor_->lock.unlock();
@@ -40,31 +21,31 @@ bool StoreReader::found(Bytes key, Bytes value) {
     return true;
 }
 
-bool StoreReader::isRemoved(Bytes key) const {
-    const auto at = pending_->find(key);
-    return at != pending_->end() && at->second.removes;
-}
-
+// Both sides in step, one comparison each: a queue that is being drained begins with hundreds of entries whose removal
+// is still pending.
 bool StoreReader::mergeForward(bool inEngine, Overlay::Map::const_iterator pending) {
-    while (inEngine && isRemoved(cursor_->key()))
-        inEngine = cursor_->step();
-    while (pending != pending_->end() && pending->second.removes)
-        ++pending;
-    if (pending != pending_->end() && (!inEngine || pending->first <= cursor_->key()))
-        return found(pending->first, pending->second.value);
+    for (; pending != pending_->end(); ++pending) {
+        const int order = inEngine ? cursor_->key().compare(pending->first) : 1;
+        if (order < 0)
+            break;
+        if (!pending->second.removes)
+            return found(pending->first, pending->second.value);
+        if (order == 0)
+            inEngine = cursor_->step();
+    }
     return inEngine && found(cursor_->key(), cursor_->value());
 }
 
 bool StoreReader::mergeBackward(bool inEngine, Overlay::Map::const_iterator pending) {
-    while (inEngine && isRemoved(cursor_->key()))
-        inEngine = cursor_->stepBack();
     while (pending != pending_->begin()) {
         --pending;
-        if (pending->second.removes)
-            continue;
-        if (inEngine && cursor_->key() > pending->first)
+        const int order = inEngine ? cursor_->key().compare(pending->first) : -1;
+        if (order > 0)
             break;
-        return found(pending->first, pending->second.value);
+        if (!pending->second.removes)
+            return found(pending->first, pending->second.value);
+        if (order == 0)
+            inEngine = cursor_->stepBack();
     }
     return inEngine && found(cursor_->key(), cursor_->value());
 }

@@ -12,9 +12,29 @@ namespace qel::storage {
 /// map. Keys found are valid until the object goes.
 class StoreReader {
   public:
+    /// A `fetch` may follow a move in the move's snapshot, when this process changed nothing in between.
+    enum class Use { move, fetch };
+
     /// Takes the thread's cursor and, when anything is pending, the overlay, for the object's lifetime.
-    StoreReader(Engine& engine, const Overlay& overlay, ThreadState& state, bool& snapshotTaken);
-    ~StoreReader();
+    StoreReader(Engine& engine, const Overlay& overlay, ThreadState& state, Use use, bool& snapshotTaken) {
+        if (state.cursor == nullptr)
+            state.cursor = engine.makeCursor();
+        cursor_ = state.cursor.get();
+        const std::uint64_t generation = overlay.generation();
+        const bool follows = use == Use::fetch && state.movedAt == generation;
+        state.movedAt = use == Use::move ? generation : 0;
+        // First the overlay, then the snapshot: what leaves the overlay meanwhile is in the snapshot.
+        if (!overlay.isEmpty()) {
+            overlayLock_ = std::shared_lock(overlay.mutex);
+            pending_ = &overlay.entries();
+        }
+        cursor_->lock.lock();
+        const bool wasLive = cursor_->isLive();
+        ready_ = !cursor_->closed &&
+                 ((follows && wasLive) || cursor_->refresh() == Refreshed::ok || refreshAgain(engine));
+        snapshotTaken = !wasLive;
+    }
+    ~StoreReader() { cursor_->lock.unlock(); }
     StoreReader(const StoreReader&) = delete;
     StoreReader& operator=(const StoreReader&) = delete;
 
@@ -32,10 +52,9 @@ class StoreReader {
     Bytes value() const { return value_; }
 
   private:
-    bool open(Engine& engine, bool& snapshotTaken);
+    bool refreshAgain(Engine& engine);
     bool mergeForward(bool inEngine, Overlay::Map::const_iterator pending);
     bool mergeBackward(bool inEngine, Overlay::Map::const_iterator pending);
-    bool isRemoved(Bytes key) const;
     bool found(Bytes key, Bytes value);
 
     EngineCursor* cursor_ = nullptr;

@@ -5,6 +5,9 @@
 
 namespace qel::storage {
 
+thread_local constinit std::uint64_t lastStore = 0;
+thread_local constinit ThreadState* lastState = nullptr;
+
 namespace {
 
 struct Place {
@@ -12,15 +15,13 @@ struct Place {
     std::unique_ptr<ThreadState> state;
 };
 
-struct Places {
-    std::uint64_t lastStore = 0;
-    ThreadState* lastState = nullptr;
-    std::vector<Place> all;
-};
-
-Places& places() {
+std::vector<Place>& places() {
+    struct Places {
+        std::vector<Place> all;
+        ~Places() { lastStore = 0; }
+    };
     thread_local Places mine;
-    return mine;
+    return mine.all;
 }
 
 bool isOver(const Place& place) {
@@ -41,22 +42,24 @@ std::uint64_t nextStoreNumber() {
     return ++last;
 }
 
-ThreadState& threadState(std::uint64_t store) {
-    Places& mine = places();
-    if (mine.lastStore == store)
-        return *mine.lastState;
-    for (Place& place : mine.all) {
-        if (place.store == store) {
-            mine.lastStore = store;
-            mine.lastState = place.state.get();
-            return *place.state;
-        }
-    }
-    std::erase_if(mine.all, isOver);
-    mine.all.push_back({store, std::make_unique<ThreadState>()});
-    mine.lastStore = store;
-    mine.lastState = mine.all.back().state.get();
-    return *mine.lastState;
+namespace {
+
+ThreadState& remember(std::uint64_t store, ThreadState& state) {
+    lastStore = store;
+    lastState = &state;
+    return state;
+}
+
+}  // namespace
+
+ThreadState& findThreadState(std::uint64_t store) {
+    std::vector<Place>& all = places();
+    for (Place& place : all)
+        if (place.store == store)
+            return remember(store, *place.state);
+    std::erase_if(all, isOver);
+    all.push_back({store, std::make_unique<ThreadState>()});
+    return remember(store, *all.back().state);
 }
 
 }  // namespace qel::storage

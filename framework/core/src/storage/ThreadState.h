@@ -17,6 +17,8 @@ struct ThreadState {
 
     std::shared_ptr<EngineCursor> cursor;
     std::vector<unsigned char> fetched;
+    // The overlay's generation at the last move, until something else is read; 0 then.
+    std::uint64_t movedAt = 0;
 
     std::shared_ptr<Fate> fate = std::make_shared<Fate>();
     // Of the open write batch; null outside of one.
@@ -30,7 +32,16 @@ struct ThreadState {
 
 /// Numbers stores so that a thread finds its state in each; a number is never used twice.
 std::uint64_t nextStoreNumber();
+
+// The store used last. Plain data at a fixed offset from the thread's base: two loads at every operation.
+extern thread_local constinit std::uint64_t lastStore __attribute__((tls_model("initial-exec")));
+extern thread_local constinit ThreadState* lastState __attribute__((tls_model("initial-exec")));
+
+ThreadState& findThreadState(std::uint64_t store);
+
 /// This thread's state in the store of that number; made on first use, gone with the thread or when the store is.
-ThreadState& threadState(std::uint64_t store);
+inline ThreadState& threadState(std::uint64_t store) {
+    return lastStore == store ? *lastState : findThreadState(store);
+}
 
 }  // namespace qel::storage
