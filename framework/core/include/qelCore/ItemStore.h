@@ -153,6 +153,9 @@ class QELCORE_EXPORT WriteBatch {
     /// elsewhere and not use the store; at once on this thread when there is nothing to wait for. The batch
     /// is then empty and collects on.
     void submit(Completion done);
+    /// Hands the writes over without hurry: they may wait up to `milliseconds` for the company of others, for
+    /// writes whose loss costs only a repetition. In a joined batch like `submit`.
+    void submitDeferred(unsigned milliseconds);
     /// Submits and waits. In a joined batch this submits the outer one's writes so far.
     CommitResult commit();
 

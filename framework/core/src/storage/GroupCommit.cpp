@@ -65,17 +65,19 @@ void GroupCommit::unreserve(std::size_t bytes) {
 
 GroupCommit::Ticket GroupCommit::submit(std::unique_ptr<PendingBatch> batch) {
     const std::lock_guard guard(mutex_);
+    bool sooner = collecting_->batches.empty();
     if (batch->deferred && !urgent_) {
-        if (collecting_->batches.empty())
-            deadline_ = Clock::now() + std::chrono::milliseconds(options_.deferredMilliseconds);
+        const auto deadline = Clock::now() + std::chrono::milliseconds(batch->deferredMilliseconds);
+        sooner = sooner || deadline < deadline_;
+        if (sooner)
+            deadline_ = deadline;
     } else {
         urgent_ = true;
     }
-    const bool first = collecting_->batches.empty() || urgent_;
     pendingWrites_ += batch->writes().size();
     collecting_->bytes += batch->bytes();
     collecting_->batches.push_back(std::move(batch));
-    if (first)
+    if (sooner || urgent_)
         work_.notify_one();
     return collecting_;
 }

@@ -45,8 +45,9 @@ class PendingBatch {
     /// Told of failures; those of one thread and of one write batch.
     std::vector<std::shared_ptr<Fate>> fates;
     std::vector<Completion> completions;
-    /// May wait for company.
+    /// May wait for company, and how long.
     bool deferred = false;
+    unsigned deferredMilliseconds = 0;
 
   private:
     char* room(std::size_t bytes);

@@ -122,6 +122,7 @@ bool StoreCore::write(Bytes key, Bytes value, bool removes) {
     }
     if (options.durability == Durability::deferred) {
         single->deferred = true;
+        single->deferredMilliseconds = options.deferredMilliseconds;
         commits_->submit(std::move(single));
         return true;
     }

@@ -34,6 +34,16 @@ void WriteBatch::submit(Completion done) {
         done(CommitResult());
 }
 
+void WriteBatch::submitDeferred(unsigned milliseconds) {
+    if (store_ == nullptr)
+        return;
+    if (!joined_) {
+        store_->core_->thread().batch->deferred = true;
+        store_->core_->thread().batch->deferredMilliseconds = milliseconds;
+    }
+    store_->core_->submitBatch({}, joined_);
+}
+
 CommitResult WriteBatch::commit() {
     return store_ == nullptr ? CommitResult() : store_->core_->commitBatch();
 }
