@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -29,13 +30,22 @@ inline Item key(const Item& parent, long long number) {
     return out;
 }
 
+/// The URL of the store that a test means by a folder of its own: the embedded one in the folder, or what stands for
+/// it where the same tests run on another engine.
+inline std::function<std::string(const std::string& folder)>& storeUrlOf() {
+    static std::function<std::string(const std::string&)> make = [](const std::string& folder) {
+        return "lmdb:" + folder;
+    };
+    return make;
+}
+
 /// A store in a temporary folder, current while the test runs.
 class StoreTest : public ::testing::Test {
   protected:
     void SetUp() override { reopen(); }
     void TearDown() override { close(); }
 
-    std::string url() const { return "lmdb:" + (folder_ / "store"); }
+    std::string url() const { return storeUrlOf()(folder_ / "store"); }
     void close() { store_.reset(); }
     void reopen() { reopen(options_); }
     void reopen(const StoreOptions& options) {

@@ -23,7 +23,7 @@ class Tools : public StoreTest {
     }
     std::unique_ptr<ItemStore> other(const std::string& name) {
         std::string reason;
-        auto store = ItemStore::open("lmdb:" + (folder_ / name), {}, reason);
+        auto store = ItemStore::open(storeUrlOf()(folder_ / name), {}, reason);
         EXPECT_NE(store, nullptr) << reason;
         return store;
     }
@@ -55,6 +55,9 @@ class Tools : public StoreTest {
     StoreTools::Outcome outcome_;
 };
 
+// Damaged pages, and copies as a file, are the embedded engine's.
+using EmbeddedTools = Tools;
+
 }  // namespace
 
 TEST_F(Tools, VerifyReadsEveryEntry) {
@@ -64,7 +67,7 @@ TEST_F(Tools, VerifyReadsEveryEntry) {
     EXPECT_TRUE(outcome_.result.durable);
 }
 
-TEST_F(Tools, VerifyNamesTheDamagedPlace) {
+TEST_F(EmbeddedTools, VerifyNamesTheDamagedPlace) {
     fill(3);
     plant(std::string("\x28log\0\x19\x63", 7), "\x28 no end");
     plant(std::string("\x28nokey", 6), std::string("\x18", 1));
@@ -82,7 +85,7 @@ TEST_F(Tools, VerifyStopsWhenAsked) {
     EXPECT_LT(outcome.entries, 10000U);
 }
 
-TEST_F(Tools, BackupIsRestoredElsewhere) {
+TEST_F(EmbeddedTools, BackupIsRestoredElsewhere) {
     fill(2000);
     store_->setSite("site");
     ASSERT_TRUE(store_->setLog({"audit", path("log"), StoreLog::Kind::central, false}).durable);
@@ -98,7 +101,7 @@ TEST_F(Tools, BackupIsRestoredElsewhere) {
     }
 }
 
-TEST_F(Tools, BackupIsOneMomentWhileOthersWrite) {
+TEST_F(EmbeddedTools, BackupIsOneMomentWhileOthersWrite) {
     fill(1000);
     std::atomic<bool> stop{false};
     std::thread writer([&] {
@@ -122,7 +125,7 @@ TEST_F(Tools, BackupIsOneMomentWhileOthersWrite) {
     writer.join();
 }
 
-TEST_F(Tools, RestoreOverAStoreOrFromRubbishIsRefused) {
+TEST_F(EmbeddedTools, RestoreOverAStoreOrFromRubbishIsRefused) {
     fill(1);
     ASSERT_TRUE(StoreTools::backup(*store_, folder_ / "copy", true).durable);
     EXPECT_NE(StoreTools::restore(folder_ / "copy", store_->path()).reason.find("holds a store already"),
@@ -151,7 +154,7 @@ TEST_F(Tools, CopyTakesEverythingAlong) {
     EXPECT_FALSE(StoreTools::copy(*store_, *foreign).result.durable);
 }
 
-TEST_F(Tools, StoreOfANewerFormatIsRefused) {
+TEST_F(EmbeddedTools, StoreOfANewerFormatIsRefused) {
     Item identity;
     identity.addInteger(2);
     identity.addInteger(0);
@@ -161,7 +164,7 @@ TEST_F(Tools, StoreOfANewerFormatIsRefused) {
     EXPECT_NE(reason.find("has format 2; this version reads formats up to 1"), std::string::npos) << reason;
 }
 
-TEST_F(Tools, AForeignDatabaseIsRefused) {
+TEST_F(EmbeddedTools, AForeignDatabaseIsRefused) {
     close();
     std::filesystem::remove_all(folder_ / "store");
     mkdir((folder_ / "store").c_str(), 0700);

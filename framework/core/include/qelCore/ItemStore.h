@@ -25,7 +25,9 @@ class StoreCore;
 /// durable transaction. A store does not survive `fork`: in the child every operation fails with a log line.
 class QELCORE_EXPORT ItemStore {
   public:
-    /// Opens the store that `url` names ("lmdb:PATH", a folder). Null when that cannot be done, and `reason`
+    /// Opens the store that `url` names: "lmdb:PATH", a folder, or "postgresql://…", a database that programs of several
+    /// machines share (docs/postgresql.md; there reads see what other processes commit within 200 ms, and unique times
+    /// are unique within the process). Null when that cannot be done, and `reason`
     /// says why in one sentence: the file system is a network's, the folder may not be written, the format is
     /// newer than this version, the path is open in this process already (there is one environment per
     /// process and path), ….
@@ -42,7 +44,7 @@ class QELCORE_EXPORT ItemStore {
     static void setCurrent(ItemStore* store);
 
     const std::string& url() const;
-    /// The folder of the store's files.
+    /// The folder of the store's files; of a database its place in words.
     const std::string& path() const;
     const StoreOptions& options() const;
 

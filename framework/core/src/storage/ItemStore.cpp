@@ -7,6 +7,7 @@
 #include "qelCore/logging/MessageStream.h"
 #include "storage/LmdbEngine.h"
 #include "storage/Navigation.h"
+#include "storage/PostgresEngine.h"
 #include "storage/StoreCore.h"
 #include "storage/StoreRecords.h"
 
@@ -34,6 +35,17 @@ ConstByteSpan keep(std::vector<unsigned char>& room, storage::Bytes value) {
     return {room.data(), value.size()};
 }
 
+std::unique_ptr<storage::Engine> openEngine(std::string_view url, const StoreOptions& options,
+                                            std::string& reason) {
+    if (url.substr(0, lmdbScheme.size()) == lmdbScheme)
+        return storage::LmdbEngine::open(std::string(url.substr(lmdbScheme.size())), options, reason);
+    if (storage::PostgresSettings::isUrl(url))
+        return storage::PostgresEngine::open(url, options, reason);
+    reason = "the store URL " + std::string(url) +
+             " names no known kind of store; expected lmdb:PATH or postgresql://…";
+    return nullptr;
+}
+
 bool isOrBecomes(std::string& own, std::string_view fingerprint) {
     if (own.empty())
         own = fingerprint;
@@ -47,11 +59,7 @@ ItemStore::ItemStore(std::unique_ptr<StoreCore> core) : core_(std::move(core)) {
 std::unique_ptr<ItemStore> ItemStore::open(std::string_view url, const StoreOptions& options,
                                            std::string& reason) {
     reason.clear();
-    if (url.substr(0, lmdbScheme.size()) != lmdbScheme) {
-        reason = "the store URL " + std::string(url) + " names no known kind of store; expected lmdb:PATH";
-        return nullptr;
-    }
-    auto engine = storage::LmdbEngine::open(std::string(url.substr(lmdbScheme.size())), options, reason);
+    std::unique_ptr<storage::Engine> engine = openEngine(url, options, reason);
     if (engine == nullptr)
         return nullptr;
     auto core = std::make_unique<StoreCore>(std::move(engine), std::string(url), options);

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <string>
+
+#include "storage/Engine.h"
+#include "storage/PostgresPage.h"
+
+namespace qel::storage {
+
+class PostgresEngine;
+
+/// A place in the database with a page of entries around it, read ahead: small after a jump, larger from page to page of
+/// a walk. What others commit is seen within `maxAge`, what this process commits at once.
+class PostgresCursor final : public EngineCursor {
+  public:
+    static constexpr std::chrono::milliseconds maxAge{200};
+
+    explicit PostgresCursor(PostgresEngine& engine) : engine_(engine) {}
+
+    Refreshed refresh() override;
+    void rest() override;
+    bool isLive() const override { return live_; }
+    void retire() override;
+    bool seek(Bytes key) override;
+    bool seekBefore(Bytes key) override;
+    bool step() override;
+    bool stepBack() override;
+
+  private:
+    bool standAt(std::size_t row);
+    bool standNowhere();
+    bool readFrom(Bytes key);
+    bool readBefore(Bytes key);
+    void chooseSize(Bytes key);
+    void grow();
+    std::size_t rowsToRead() const;
+
+    PostgresEngine& engine_;
+    PostgresPage page_;
+    std::size_t row_ = 0;
+    // Where a walk stood when its page was given up.
+    std::string resumeKey_;
+    std::size_t pageRows_ = 0;
+    std::size_t meanBytes_ = 0;
+    bool live_ = false;
+};
+
+}  // namespace qel::storage

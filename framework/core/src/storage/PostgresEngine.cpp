@@ -1,0 +1,251 @@
+#include "storage/PostgresEngine.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <thread>
+
+#include "qelCore/logging/MessageStream.h"
+#include "storage/PostgresSchema.h"
+#include "storage/UniqueClock.h"
+
+namespace qel::storage {
+
+namespace {
+
+// Connections kept for the next read; threads that read at one moment beyond them connect anew.
+constexpr std::size_t keptReaders = 4;
+// A page ends early rather than take more memory than this.
+constexpr std::size_t mostPageBytes = std::size_t{16} << 20;
+// Beyond this many entries the database's own estimate has to do.
+constexpr std::uint64_t countedEntries = 100000;
+constexpr const char* spaceQuery =
+    "SELECT (SELECT count(*) FROM (SELECT 1 FROM qel_items LIMIT 100001) AS counted), "
+    "(SELECT greatest(reltuples, 0)::bigint FROM pg_class WHERE oid = 'qel_items'::regclass), "
+    "pg_total_relation_size('qel_items')";
+
+void cancel(PGconn* connection) {
+    PGcancel* const request = PQgetCancel(connection);
+    char text[256];
+    PQcancel(request, text, sizeof text);
+    PQfreeCancel(request);
+}
+
+Bytes field(const PGresult* result, int column) {
+    return {PQgetvalue(result, 0, column), static_cast<std::size_t>(PQgetlength(result, 0, column))};
+}
+
+// Row by row, so that memory is bounded by what is kept. Returns how many came; `cut` when some were left out.
+bool collectRows(PostgresConnection& connection, PostgresPage& page, bool& cut, PostgresError& error) {
+    while (PGresult* const raw = PQgetResult(connection.handle())) {
+        const PostgresResult result(raw);
+        const ExecStatusType status = PQresultStatus(raw);
+        if (status == PGRES_SINGLE_TUPLE && !cut) {
+            page.add(field(raw, 0), field(raw, 1));
+            cut = page.bytes() > mostPageBytes;
+            if (cut)
+                cancel(connection.handle());
+        } else if (status == PGRES_FATAL_ERROR && !cut && !error.isSet()) {
+            error = connection.errorOf(raw);
+        }
+    }
+    return !error.isSet() && !connection.isBroken();
+}
+
+}  // namespace
+
+std::unique_ptr<PostgresEngine> PostgresEngine::open(std::string_view url, const StoreOptions& options,
+                                                     std::string& reason) {
+    std::unique_ptr<PostgresEngine> engine(new PostgresEngine(options));
+    return engine->start(url, reason) ? std::move(engine) : nullptr;
+}
+
+PostgresEngine::~PostgresEngine() {
+    for (const auto& cursor : cursors_) {
+        const std::lock_guard guard(cursor->lock);
+        cursor->retire();
+    }
+}
+
+bool PostgresEngine::start(std::string_view url, std::string& reason) {
+    if (!settings_.parse(url, reason))
+        return false;
+    PostgresError error;
+    const auto first = PostgresConnection::open(settings_, !options_.readOnly, error);
+    if (first == nullptr) {
+        reason = sentence("cannot reach", error);
+        return false;
+    }
+    std::string record;
+    if (!PostgresSchema::prepareTables(*first, options_.create && !options_.readOnly, error) ||
+        (!options_.readOnly && !settings_.allowsUnsafeCommit() &&
+         !PostgresSchema::isDurable(*first, error)) ||
+        !PostgresSchema::readClock(*first, record, error)) {
+        reason = sentence("cannot use", error);
+        return false;
+    }
+    UniqueClock::load(clock_, record);
+    writers_.resize(settings_.writers());
+    return true;
+}
+
+std::shared_ptr<EngineCursor> PostgresEngine::makeCursor() {
+    auto cursor = std::make_shared<PostgresCursor>(*this);
+    const std::lock_guard guard(cursorsMutex_);
+    std::erase_if(cursors_, [](const auto& other) { return other.use_count() == 1; });
+    cursors_.push_back(cursor);
+    return cursor;
+}
+
+unsigned PostgresEngine::sweep() {
+    const std::lock_guard guard(cursorsMutex_);
+    unsigned live = 0;
+    for (const auto& cursor : cursors_) {
+        if (!cursor->lock.try_lock()) {
+            ++live;
+            continue;
+        }
+        if (!cursor->closed && cursor->isLive()) {
+            if (cursor->touched.exchange(false))
+                ++live;
+            else
+                cursor->rest();
+        }
+        cursor->lock.unlock();
+    }
+    return live;
+}
+
+std::unique_ptr<PostgresConnection> PostgresEngine::borrowReader(PostgresError& error) {
+    {
+        const std::lock_guard guard(readersMutex_);
+        if (!readers_.empty()) {
+            auto reader = std::move(readers_.back());
+            readers_.pop_back();
+            return reader;
+        }
+    }
+    auto fresh = PostgresConnection::open(settings_, !options_.readOnly, error);
+    if (fresh != nullptr && !PostgresSchema::prepareReading(*fresh, error))
+        fresh.reset();
+    return fresh;
+}
+
+void PostgresEngine::giveBack(std::unique_ptr<PostgresConnection> reader) {
+    const std::lock_guard guard(readersMutex_);
+    // When one breaks, the others lead to the same server that is gone.
+    if (reader->isBroken())
+        readers_.clear();
+    else if (readers_.size() < keptReaders)
+        readers_.push_back(std::move(reader));
+}
+
+bool PostgresEngine::tryRead(const Action& action, PostgresError& error) {
+    auto reader = borrowReader(error);
+    if (reader == nullptr)
+        return false;
+    const bool done = action(*reader, error);
+    if (!done && !error.isSet())
+        error = reader->error();
+    giveBack(std::move(reader));
+    return done;
+}
+
+bool PostgresEngine::read(const Action& action) {
+    const Clock::time_point end = deadline();
+    PostgresError error;
+    for (unsigned tries = 0;; ++tries) {
+        error = {};
+        if (tryRead(action, error)) {
+            note(true, error);
+            return true;
+        }
+        if (!error.isPassing() || !waitForNext(end, tries))
+            break;
+    }
+    note(!error.isPassing(), error);
+    ++readFaults;
+    logging::MessageStream(3, 2) << sentence("cannot read", error);
+    return false;
+}
+
+bool PostgresEngine::readPage(PostgresPage& page, const std::string& bound, std::size_t rows, bool forward) {
+    const std::string limit = encodedInteger(static_cast<long long>(rows));
+    const char* const statement = forward ? PostgresSchema::readFrom : PostgresSchema::readBefore;
+    const bool done = read([&](PostgresConnection& connection, PostgresError& error) {
+        page.clear();
+        page.commits = commitCount();
+        page.readAt = PostgresPage::Clock::now();
+        if (!connection.send(statement, {&bound, &limit}))
+            return false;
+        PQsetSingleRowMode(connection.handle());
+        bool cut = false;
+        if (!collectRows(connection, page, cut, error))
+            return false;
+        const bool isLast = !cut && page.size() < rows;
+        if (forward)
+            page.endForward(bound, isLast);
+        else
+            page.endBackward(bound, isLast);
+        return true;
+    });
+    if (!done)
+        page.clear();
+    return done;
+}
+
+PostgresEngine::Clock::time_point PostgresEngine::deadline() const {
+    const unsigned patience = unreachable_ ? 0 : options_.patienceMilliseconds;
+    return Clock::now() + std::chrono::milliseconds(patience);
+}
+
+bool PostgresEngine::waitForNext(Clock::time_point end, unsigned tries) const {
+    // The first retry is for a connection that broke while it lay idle.
+    const auto pause = std::chrono::milliseconds(tries == 0 ? 0 : std::min(20U << std::min(tries, 5U), 500U));
+    if (tries != 0 && Clock::now() + pause >= end)
+        return false;
+    std::this_thread::sleep_for(pause);
+    return true;
+}
+
+void PostgresEngine::note(bool reached, const PostgresError& error) {
+    if (unreachable_.exchange(!reached) == !reached)
+        return;
+    if (reached)
+        logging::MessageStream(1, 2) << settings_.place() << " is reached again";
+    else
+        logging::MessageStream(3, 2) << sentence("lost", error);
+}
+
+std::string PostgresEngine::sentence(const char* what, const PostgresError& error) const {
+    std::string out = std::string(what) + " " + settings_.place() + ": " + error.sentence;
+    if (!error.state.empty())
+        out += " (" + error.state + ")";
+    return out;
+}
+
+std::size_t PostgresEngine::keyLimit() const {
+    return 511;  // the embedded engine's, so that entries can move either way
+}
+
+void PostgresEngine::space(StoreSpace& out) {
+    read([&](PostgresConnection& connection, PostgresError& error) {
+        const PostgresResult found = connection.run(spaceQuery, error);
+        if (found == nullptr)
+            return false;
+        const auto number = [&](int column) {
+            return std::strtoull(PQgetvalue(found.get(), 0, column), nullptr, 10);
+        };
+        out.entries = number(0) <= countedEntries ? number(0) : std::max<std::uint64_t>(number(0), number(1));
+        out.fileBytes = number(2);
+        out.usedBytes = number(2);
+        return true;
+    });
+}
+
+CommitResult PostgresEngine::copyTo(const std::string&, bool) {
+    return {false,
+            settings_.place() +
+                " is backed up by the database's own means; expected an lmdb:PATH store, or store copy"};
+}
+
+}  // namespace qel::storage

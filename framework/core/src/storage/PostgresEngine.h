@@ -1,0 +1,99 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "storage/Engine.h"
+#include "storage/PostgresConnection.h"
+#include "storage/PostgresCursor.h"
+#include "storage/PostgresWriter.h"
+#include "storage/SharedPage.h"
+
+namespace qel::storage {
+
+/// The engine for a log that has outgrown one machine: one table of keys and values in a database that several
+/// daemons share. docs/postgresql.md describes it.
+class PostgresEngine final : public Engine {
+  public:
+    /// Null with a sentence.
+    static std::unique_ptr<PostgresEngine> open(std::string_view url, const StoreOptions& options,
+                                                std::string& reason);
+    ~PostgresEngine() override;
+
+    std::shared_ptr<EngineCursor> makeCursor() override;
+    void adoptGrowth() override {}
+    unsigned sweep() override;
+    CommitResult commit(const std::vector<const std::vector<Write>*>& writes) override;
+    std::size_t keyLimit() const override;
+    void space(StoreSpace& out) override;
+    CommitResult copyTo(const std::string& file, bool compact) override;
+    ClockPage& clockPage() override { return clock_; }
+    const std::string& folder() const override { return settings_.place(); }
+
+    /// For cursors. Reads at most `rows` entries from `bound` upwards, or below it downwards. False when the database
+    /// could not be read within the store's patience.
+    bool readPage(PostgresPage& page, const std::string& bound, std::size_t rows, bool forward);
+    /// Commits of this process so far.
+    std::uint64_t commitCount() const { return commitCount_.load(std::memory_order_acquire); }
+    /// True when this process has committed something since that lies in the page's stretch; if not, the page is as
+    /// good as one read now.
+    bool hasChanged(PostgresPage& page) const;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    using Action = std::function<bool(PostgresConnection&, PostgresError&)>;
+
+    /// What one connection writes in one transaction.
+    struct Part {
+        std::vector<const Write*> writes;
+        bool done = false;
+    };
+
+    struct Commit {
+        std::uint64_t number;
+        Clock::time_point at;
+        std::vector<std::string> keys;
+    };
+
+    explicit PostgresEngine(const StoreOptions& options) : options_(options) {}
+    bool start(std::string_view url, std::string& reason);
+
+    bool read(const Action& action);
+    bool tryRead(const Action& action, PostgresError& error);
+    std::unique_ptr<PostgresConnection> borrowReader(PostgresError& error);
+    void giveBack(std::unique_ptr<PostgresConnection> reader);
+    Clock::time_point deadline() const;
+    /// Waits before the next try; false when there is no time for one.
+    bool waitForNext(Clock::time_point deadline, unsigned tries) const;
+
+    std::vector<Part> divide(const std::vector<const std::vector<Write>*>& writes) const;
+    PostgresError tryCommit(std::vector<Part>& parts, const std::string* mark, long long markTime);
+    void remember(const std::vector<Part>& parts);
+    void note(bool reached, const PostgresError& error);
+    std::string sentence(const char* what, const PostgresError& error) const;
+
+    const StoreOptions options_;
+    PostgresSettings settings_;
+    ClockPage clock_{};
+
+    std::mutex writing_;
+    std::vector<PostgresWriter> writers_;
+    bool hadWriters_ = false;
+    // The last try to reach the database was in vain: the next one is not repeated.
+    std::atomic<bool> unreachable_{false};
+
+    std::mutex readersMutex_;
+    std::vector<std::unique_ptr<PostgresConnection>> readers_;
+    std::mutex cursorsMutex_;
+    std::vector<std::shared_ptr<PostgresCursor>> cursors_;
+
+    std::atomic<std::uint64_t> commitCount_{0};
+    mutable std::mutex recentMutex_;
+    std::deque<Commit> recent_;
+};
+
+}  // namespace qel::storage
