@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <string_view>
 
 #include "auditing/AuditAside.h"
 #include "auditing/AuditLogTools.h"
@@ -20,6 +21,20 @@ constexpr std::uint64_t mebibyte = 1 << 20;
 // A clock that is ahead of the present by more has run wild; less is the ordinary correction of a clock.
 constexpr long long largestLead = 60LL * 1000000;
 
+/// What to do about a store that does not open; the sentences are the store's own.
+const char* cureOf(std::string_view sentence) {
+    const auto says = [sentence](std::string_view words) {
+        return sentence.find(words) != std::string_view::npos;
+    };
+    if (says("this version reads formats"))
+        return "use the version of the programs that wrote the store, or a newer one";
+    if (says("Permission denied"))
+        return "give the folder to the user that the program runs as";
+    if (says("No such file"))
+        return "start the program once, or name the right store in [store] url";
+    return "name the right store in [store] url, or bring a backup back with 'qel-audit store restore'";
+}
+
 /// Opens the store; null, with the fault told, when that cannot be done.
 std::unique_ptr<ItemStore> openForLooking(Diagnosis& diagnosis, const std::string& url) {
     try {
@@ -27,10 +42,7 @@ std::unique_ptr<ItemStore> openForLooking(Diagnosis& diagnosis, const std::strin
         diagnosis.well("store");
         return store;
     } catch (const Failure& failure) {
-        diagnosis.fault("store", failure.what(),
-                        failure.code() == exitInputMissing
-                            ? "start the program once, or name the right store in [store] url"
-                            : "give the folder to the user that the program runs as");
+        diagnosis.fault("store", failure.what(), cureOf(failure.what()));
         return nullptr;
     }
 }
