@@ -19,7 +19,6 @@ class PostgresCursor final : public EngineCursor {
 
     Refreshed refresh() override;
     void rest() override;
-    bool isLive() const override { return live_; }
     void retire() override;
     bool seek(Bytes key) override;
     bool seekBefore(Bytes key) override;
@@ -42,7 +41,6 @@ class PostgresCursor final : public EngineCursor {
     std::string resumeKey_;
     std::size_t pageRows_ = 0;
     std::size_t meanBytes_ = 0;
-    bool live_ = false;
 };
 
 }  // namespace qel::storage
