@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "audit/AgentMetrics.h"
 #include "audit/Commands.h"
 #include "audit/Forwarder.h"
 #include "auditing/AuditLogTools.h"
@@ -71,6 +72,11 @@ int forwardOnce(Workstation& workstation, Output& output, const ServiceManager& 
 int runAgent(Workstation& workstation, const ServiceManager& manager) {
     Forwarder forwarder(workstation);
     forwarder.start();
+    std::unique_ptr<AgentMetrics> metrics;
+    if (!workstation.config().metricsListen.empty()) {
+        metrics = std::make_unique<AgentMetrics>(workstation, forwarder);
+        logInformation("metrics at http://" + metrics->address() + "/metrics");
+    }
     manager.ready("forwarding");
     long long nextLook = 0;
     while (true) {

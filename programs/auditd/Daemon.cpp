@@ -40,6 +40,9 @@ Daemon::Daemon(const std::string& configFile) : configFile_(configFile) {
     interaction_ =
         std::make_unique<AuditService>(logPath(config_.interaction.path), config_.interaction.service.c_str(),
                                        config_.interaction.anonymous);
+    if (!config_.metricsListen.empty())
+        metrics_ = std::make_unique<DaemonMetrics>(
+            DaemonMetrics::Sources{store_.get(), audit_.get(), interaction_.get(), credentials_.get()});
 }
 
 Daemon::~Daemon() {

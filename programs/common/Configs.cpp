@@ -110,7 +110,9 @@ void WorkstationConfig::bind(ConfigBinder& binder) {
                    "Time without an acknowledgement after which the connection is renewed, in seconds");
     binder.integer("backoff_max_seconds", backoffMaxSeconds, 1, mostSeconds,
                    "Longest wait between two tries to connect, in seconds");
-    binder.section("metrics", "Figures of the agent for Prometheus at /metrics.");
+    binder.section(
+        "metrics",
+        "Figures of the agent for Prometheus at /metrics, readiness at /-/ready, life at /-/healthy.");
     binder.endpoint("listen", metricsListen, true, "Address and port, best a loopback one; empty for none");
 }
 
