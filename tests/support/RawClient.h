@@ -29,6 +29,7 @@ class RawClient {
     RawClient& operator=(const RawClient&) = delete;
 
     bool isConnected() const { return connected_; }
+    int getSocket() const { return socket_; }
     void send(const std::string& bytes) { (void)!::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
     /// True when the other end closes the connection within the time.
     bool isClosedWithin(int milliseconds) {

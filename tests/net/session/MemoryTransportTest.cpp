@@ -193,6 +193,22 @@ TEST_F(SessionTest, ReaderThatTakesNothingIsGivenUp) {
     EXPECT_EQ(narrow.getClientReason().substr(0, 26), "the other end took none of");
 }
 
+TEST_F(SessionTest, PongsForAnEndThatNeverReadsAreBounded) {
+    MemoryTransport::Options options;
+    options.pipeBytes = 1000;
+    MemoryTransport narrow({&service_}, options);
+    narrow.holdToClient(true);
+    std::string pings;
+    for (int i = 0; i < 100000; ++i)
+        FrameWriter(pings, FrameKind::ping).bytes("12345678").finish();
+    narrow.injectToService(pings);
+    narrow.deliver();
+    EXPECT_LE(narrow.pendingToClient(), 1000u);
+    EXPECT_EQ(narrow.getServiceReason(), "");
+    narrow.advance(31);
+    EXPECT_EQ(narrow.getServiceReason().substr(0, 26), "the other end took none of");
+}
+
 TEST_F(SessionTest, FrameTooLargeClosesTheConnectionWithASentenceAtBothEnds) {
     transport_.injectToService(std::string("\x7f\0\0\0\x05", 5));
     transport_.deliver();

@@ -93,6 +93,9 @@ bool Connection::readBurst(Scope& scope) {
 }
 
 bool Connection::mustNotRead() {
+    // Pongs for an end that asks without ever reading, at either end.
+    if (output_.control().size() > largestHandshakeFrame)
+        return true;
     if (!holdsAnswers())
         return false;
     const ItemStore* current = store();
@@ -238,31 +241,33 @@ void Connection::writable() {
 void Connection::flush() {
     if (ended_ || waitingWritable_)
         return;
+    // What leaves at once never belongs to the connection: an idle one keeps no buffer.
+    thread_local std::string fresh;
+    std::string_view rest = chunk_;
     for (;;) {
-        if (chunkWritten_ == chunk_.size()) {
-            chunk_.clear();
-            chunkWritten_ = 0;
-            if (!output_.take(chunk_, chunkBytes))
-                chunk_.swap(farewell_);
-            if (chunk_.empty())
+        if (rest.empty()) {
+            fresh.clear();
+            if (!output_.take(fresh, chunkBytes))
+                fresh.swap(farewell_);
+            rest = fresh;
+            if (rest.empty())
                 break;
         }
-        const Link::Result result =
-            link_->write(chunk_.data() + chunkWritten_, chunk_.size() - chunkWritten_);
+        const Link::Result result = link_->write(rest.data(), rest.size());
         if (result.state == Link::State::lost)
             return end(link_->getFailure());
         if (result.state == Link::State::wait) {
             waitingWritable_ = true;
-            link_->waitWritable();
             break;
         }
         stuck_ = 0;
-        chunkWritten_ += result.bytes;
+        rest.remove_prefix(result.bytes);
         setup_.counters->bytesSent += result.bytes;
     }
-    waitingBytes_ = output_.waitingBytes() + chunk_.size() - chunkWritten_;
-    if (!waitingWritable_)
-        chunk_.shrink_to_fit();
+    chunk_ = std::string(rest);
+    waitingBytes_ = output_.waitingBytes() + chunk_.size();
+    if (waitingWritable_)
+        link_->waitWritable();
     closeLinkWhenWritten();
     if (lanesWait_ && waitingBytes_ < setup_.limits.outputBytes / 8) {
         lanesWait_ = false;

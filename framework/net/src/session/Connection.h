@@ -133,8 +133,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Fram
     std::unique_ptr<Link> link_;
     FrameReader reader_;
     OutputQueue output_;
-    std::string chunk_;
-    std::size_t chunkWritten_ = 0;
+    std::string chunk_;  // taken from the output, but not taken by the link yet
 
     Scope* scope_ = nullptr;
     std::uint64_t lastBatch_ = 0;

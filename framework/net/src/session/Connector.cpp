@@ -73,7 +73,15 @@ void Connector::watchTry() {
     });
 }
 
-void Connector::resolved(const tcp::resolver::results_type& endpoints) {
+void Connector::resolved(const tcp::resolver::results_type& results) {
+    // A host may have an address that swallows everything until the try is over: the next round begins with the next one.
+    std::vector<tcp::endpoint> endpoints;
+    for (const auto& result : results)
+        endpoints.push_back(result.endpoint());
+    if (!endpoints.empty())
+        std::rotate(endpoints.begin(),
+                    endpoints.begin() + static_cast<std::ptrdiff_t>(round_ % endpoints.size()),
+                    endpoints.end());
     socket_ = std::make_unique<tcp::socket>(executor_->strand());
     asio::async_connect(
         *socket_, endpoints,

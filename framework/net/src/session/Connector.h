@@ -39,7 +39,7 @@ class Connector : public std::enable_shared_from_this<Connector> {
 
   private:
     void tryServer();
-    void resolved(const asio::ip::tcp::resolver::results_type& endpoints);
+    void resolved(const asio::ip::tcp::resolver::results_type& results);
     void connected();
     void secured(const std::string& error);
     void established();

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "wire/CredentialsState.h"
+#include "wire/SocketBio.h"
 
 namespace qel {
 namespace {
@@ -30,7 +31,8 @@ TlsSocket::TlsSocket(asio::ip::tcp::socket socket, std::shared_ptr<AsioExecutor>
     // A window of unacknowledged events lives on latency: no segment waits for company.
     socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
     diagnosis_.attach(stream_.get());
-    SSL_set_fd(stream_.get(), static_cast<int>(socket_.native_handle()));
+    BIO* const bio = tls::makeSocketBio(static_cast<int>(socket_.native_handle()));
+    SSL_set_bio(stream_.get(), bio, bio);
     if (host.empty())
         SSL_set_accept_state(stream_.get());
     else
