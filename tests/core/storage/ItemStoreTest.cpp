@@ -65,12 +65,14 @@ TEST_F(Store, LargeValuesComeBackWhole) {
 TEST_F(Store, OverLimitIsRefusedWithASentenceAndHarmsNoOther) {
     logging::CaptureSink log;
     store_->setValueLimit(1000);
-    WriteBatch batch;
-    write(key(path("log"), 1), "good");
-    write(key(path("log"), 2), std::string(2000, 'x'));
-    write(path(std::string(600, 'k')), "long key");
-    write(key(path("log"), 3), "good too");
-    EXPECT_FALSE(batch.commit().durable);
+    {
+        WriteBatch batch;
+        write(key(path("log"), 1), "good");
+        write(key(path("log"), 2), std::string(2000, 'x'));
+        write(path(std::string(600, 'k')), "long key");
+        write(key(path("log"), 3), "good too");
+        EXPECT_FALSE(batch.commit().durable);
+    }
     EXPECT_TRUE(log.contains("a value of 2002 bytes is over the limit of 1000"));
     EXPECT_TRUE(log.contains("a key of 602 bytes is over the limit of 511"));
     EXPECT_EQ(store_->statistics().refusedWrites, 2U);
