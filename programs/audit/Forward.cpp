@@ -34,7 +34,8 @@ bool isEmpty(Workstation& workstation) {
 }
 
 int forwardOnce(Workstation& workstation, Output& output, const ServiceManager& manager) {
-    const std::uint64_t waiting = waitingEvents(workstation);
+    // Only a bar needs to know beforehand how much there is.
+    const std::uint64_t waiting = Progress::isShown(output.quiet()) ? waitingEvents(workstation) : 0;
     ForwardState state;
     const Progress clock("", 0, true);
     if (!isEmpty(workstation)) {

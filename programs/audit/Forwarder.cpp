@@ -91,18 +91,15 @@ void Forwarder::connected(Peer& peer) {
 
 void Forwarder::lost(const std::string& reason) {
     dropLanes();
-    {
-        const std::lock_guard lock(mutex_);
-        if (stopping_)
-            return;
-        state_.connected = false;
-        state_.trouble = reason;
-        state_.inFlight = 0;
-        ++state_.failedTries;
-        news_ = true;
-        changed_.notify_all();
-    }
-    logWarning("not connected: " + reason);
+    const std::lock_guard lock(mutex_);
+    if (stopping_)
+        return;
+    state_.connected = false;
+    state_.trouble = reason;
+    state_.inFlight = 0;
+    ++state_.failedTries;
+    news_ = true;
+    changed_.notify_all();
 }
 
 void Forwarder::refused(const std::string& service, const std::string& reason) {
@@ -158,8 +155,6 @@ void Forwarder::renewRefused(Peer& peer) {
         refusedPause_ * 2, std::chrono::seconds(workstation_.config().backoffMaxSeconds));
     const std::lock_guard lock(mutex_);
     ++state_.failedTries;
-    if (!state_.trouble.empty())
-        logWarning(state_.trouble);
 }
 
 void Forwarder::look() {

@@ -94,7 +94,7 @@ class Recorder {
 /// Reads the lines of a file into the queue; a bad line ends it, with all before it kept.
 void recordLines(Recorder& recorder, const std::string& file, bool replay, bool quiet) {
     LineReader lines(file);
-    Progress progress("recording", lines.size(), quiet);
+    Progress progress("recording, bytes:", lines.size(), quiet);
     std::string_view line;
     Item event;
     while (lines.next(line)) {

@@ -25,13 +25,17 @@ std::string clockText(double seconds) {
 Progress::Progress(std::string label, std::uint64_t total, bool quiet)
     : label_(std::move(label)),
       total_(total),
-      shown_(!quiet && isatty(STDERR_FILENO) == 1),
+      shown_(isShown(quiet)),
       start_(std::chrono::steady_clock::now()),
       last_(start_) {}
 
 Progress::~Progress() {
     if (drawn_)
         std::fputs("\r\033[K", stderr);
+}
+
+bool Progress::isShown(bool quiet) {
+    return !quiet && isatty(STDERR_FILENO) == 1;
 }
 
 void Progress::update(std::uint64_t done) {

@@ -16,6 +16,9 @@ class Progress {
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
+    /// Whether there is a terminal to draw on.
+    static bool isShown(bool quiet);
+
     /// Cheap enough for every event: the clock is looked at once in a few hundred calls.
     void update(std::uint64_t done);
 

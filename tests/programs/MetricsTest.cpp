@@ -111,7 +111,7 @@ TEST_F(MetricsTest, AgentTellsItsQueuesAndWhetherItIsConnected) {
     EXPECT_NE(text.find("qel_queue_events{log=\"audit\"} 1\n"), std::string::npos) << text;
     EXPECT_NE(text.find("qel_queue_oldest_seconds{log=\"audit\"} "), std::string::npos) << text;
     EXPECT_NE(text.find("qel_agent_connected 0\n"), std::string::npos) << text;
-    ASSERT_TRUE(agent.waitFor("not connected: ")) << agent.err();
+    ASSERT_TRUE(agent.waitFor("cannot connect: ")) << agent.err();
     EXPECT_EQ(get(port, "/-/ready").rfind("HTTP/1.1 503 ", 0), 0u);
     agent.signal(SIGTERM);
     EXPECT_EQ(agent.wait().code, 0);

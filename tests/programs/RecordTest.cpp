@@ -94,6 +94,15 @@ TEST_F(RecordTest, OptionsThatDoNotGoTogetherAreUsageErrors) {
     EXPECT_EQ(audit({"record", "--config", file, "--log", "other", "A"}).code, 64);
 }
 
+TEST_F(RecordTest, ResultThatCannotBeWrittenIsNoSuccess) {
+    record("anna", "[\"A\"]\n");
+    const test::ProgramResult result =
+        test::run({"/bin/sh", "-c",
+                   QEL_PROGRAMS_DIR "/qel-audit queue --config '" + config("anna") + "' --json >/dev/full"});
+    EXPECT_EQ(result.code, 74);
+    EXPECT_NE(result.err.find("standard output: No space left"), std::string::npos) << result.err;
+}
+
 TEST_F(RecordTest, KeyThatOthersMayReadIsRefused) {
     const std::string key = workstation("anna") + "/workstation.key";
     std::filesystem::permissions(key, std::filesystem::perms(0644));
