@@ -103,8 +103,8 @@ struct Interesting {
     constexpr Interesting() {
         for (int c = 0; c < ' '; ++c)
             is[c] = true;
-        for (const unsigned char c : {'"', '<', '>', '&', '`', '\\', '[', '\x7f', '\xc2', '\xd8', '\xe2'})
-            is[c] = true;
+        for (const char c : {'"', '<', '>', '&', '`', '\\', '[', '\x7f', '\xc2', '\xd8', '\xe2'})
+            is[static_cast<unsigned char>(c)] = true;
     }
 };
 
