@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -108,6 +109,12 @@ class Engine {
 
     /// Makes the writes durable in one transaction, in order, the clock's mark with them.
     virtual CommitResult commit(const std::vector<const std::vector<Write>*>& writes) = 0;
+    /// Changes a record of the store's own durably from `before` (empty: it does not exist) to `after`, unless others have
+    /// changed it: then `exchanged` is false. Null from engines whose users agree in another way.
+    virtual std::optional<CommitResult> exchange(Bytes /*key*/, Bytes /*before*/, Bytes /*after*/,
+                                                 bool& /*exchanged*/) {
+        return std::nullopt;
+    }
     /// Set when the store closes: a `commit` that waits for another process gives up after the store's patience.
     std::atomic<bool> closing{false};
 

@@ -46,10 +46,29 @@ std::unique_ptr<storage::Engine> openEngine(std::string_view url, const StoreOpt
     return nullptr;
 }
 
-bool isOrBecomes(std::string& own, std::string_view fingerprint) {
-    if (own.empty())
-        own = fingerprint;
-    return own == fingerprint;
+// Two processes that bind a new store at one moment agree on the first.
+template <typename Sentence>
+bool bind(StoreCore& core, std::string StoreIdentity::*place, std::string_view fingerprint,
+          std::string& reason, Sentence sentence) {
+    StoreRecords records(core);
+    for (int tries = 0; tries < 8; ++tries) {
+        const StoreIdentity found = records.identity();
+        if (found.*place == fingerprint)
+            return true;
+        if (!(found.*place).empty()) {
+            reason = sentence(found.*place);
+            return false;
+        }
+        StoreIdentity bound = found;
+        bound.*place = fingerprint;
+        bool written = false;
+        const CommitResult result = records.exchange(found, bound, written);
+        reason = result.reason;
+        if (!result || written)
+            return result.durable;
+    }
+    reason = "the store " + core.url + " is changed by others all the time";
+    return false;
 }
 
 }  // namespace
@@ -181,31 +200,18 @@ CommitResult ItemStore::setSite(std::string_view site) {
 }
 
 bool ItemStore::bindSiteKey(std::string_view fingerprint, std::string& reason) {
-    StoreIdentity own = identity();
-    if (own.siteKeyFingerprint == fingerprint)
-        return true;
-    if (!isOrBecomes(own.siteKeyFingerprint, fingerprint)) {
-        reason = "the store " + url() + " belongs to the site key " + own.siteKeyFingerprint + ", not to " +
-                 std::string(fingerprint);
-        return false;
-    }
-    const CommitResult result = StoreRecords(*core_).write(own);
-    reason = result.reason;
-    return result.durable;
+    return bind(*core_, &StoreIdentity::siteKeyFingerprint, fingerprint, reason,
+                [&](const std::string& other) {
+                    return "the store " + url() + " belongs to the site key " + other + ", not to " +
+                           std::string(fingerprint);
+                });
 }
 
 bool ItemStore::bindQueueIdentity(std::string_view fingerprint, std::string& reason) {
-    StoreIdentity own = identity();
-    if (own.queueIdentity == fingerprint)
-        return true;
-    if (!isOrBecomes(own.queueIdentity, fingerprint)) {
-        reason = "the queues in the store " + url() + " are filled by the identity " + own.queueIdentity +
-                 ", not by " + std::string(fingerprint);
-        return false;
-    }
-    const CommitResult result = StoreRecords(*core_).write(own);
-    reason = result.reason;
-    return result.durable;
+    return bind(*core_, &StoreIdentity::queueIdentity, fingerprint, reason, [&](const std::string& other) {
+        return "the queues in the store " + url() + " are filled by the identity " + other + ", not by " +
+               std::string(fingerprint);
+    });
 }
 
 std::vector<StoreLog> ItemStore::logs() {

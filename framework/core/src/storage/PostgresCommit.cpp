@@ -3,6 +3,7 @@
 
 #include "qelCore/logging/MessageStream.h"
 #include "storage/PostgresEngine.h"
+#include "storage/PostgresSchema.h"
 #include "storage/UniqueClock.h"
 
 namespace qel::storage {
@@ -109,6 +110,24 @@ CommitResult PostgresEngine::commit(const Batches& batches) {
     if (isMarkDue)
         UniqueClock::markCommitted(clock_, mark);
     return {};
+}
+
+// Seldom enough for a connection of its own.
+std::optional<CommitResult> PostgresEngine::exchange(Bytes key, Bytes before, Bytes after, bool& exchanged) {
+    PostgresError error;
+    const auto connection = PostgresConnection::open(settings_, true, error);
+    if (connection == nullptr || !PostgresSchema::prepareExchange(*connection, error))
+        return CommitResult{false, sentence("cannot write to", error)};
+    const std::string place(key);
+    const std::string old(before);
+    const std::string fresh(after);
+    const PostgresResult done =
+        before.empty() ? connection->execute(PostgresSchema::insertNew, {&place, &fresh}, error)
+                       : connection->execute(PostgresSchema::exchange, {&place, &fresh, &old}, error);
+    if (done == nullptr)
+        return CommitResult{false, sentence("cannot write to", error)};
+    exchanged = std::string_view(PQcmdTuples(done.get())) == "1";
+    return CommitResult();
 }
 
 // Also after a failure, for some of it may have been written.

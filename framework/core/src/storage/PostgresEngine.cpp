@@ -172,6 +172,7 @@ bool PostgresEngine::readPage(PostgresPage& page, const std::string& bound, std:
     const std::string limit = encodedInteger(static_cast<long long>(rows));
     const char* const statement = forward ? PostgresSchema::readFrom : PostgresSchema::readBefore;
     const bool done = read([&](PostgresConnection& connection, PostgresError& error) {
+        ++pagesRead;
         page.clear();
         page.commits = commitCount();
         page.readAt = PostgresPage::Clock::now();

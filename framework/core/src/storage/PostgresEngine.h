@@ -28,6 +28,7 @@ class PostgresEngine final : public Engine {
     void adoptGrowth() override {}
     unsigned sweep() override;
     CommitResult commit(const std::vector<const std::vector<Write>*>& writes) override;
+    std::optional<CommitResult> exchange(Bytes key, Bytes before, Bytes after, bool& exchanged) override;
     std::size_t keyLimit() const override;
     void space(StoreSpace& out) override;
     CommitResult copyTo(const std::string& file, bool compact) override;
@@ -42,6 +43,8 @@ class PostgresEngine final : public Engine {
     /// True when this process has committed something since that lies in the page's stretch; if not, the page is as
     /// good as one read now.
     bool hasChanged(PostgresPage& page) const;
+    /// Round trips made for reading.
+    std::atomic<std::uint64_t> pagesRead{0};
 
   private:
     using Clock = std::chrono::steady_clock;

@@ -1,7 +1,9 @@
 #include "storage/PostgresSchema.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <iterator>
+#include <thread>
 
 #include "qelCore/ItemStore.h"
 
@@ -61,8 +63,9 @@ bool PostgresSchema::createTables(PostgresConnection& connection, PostgresError&
 
 bool PostgresSchema::prepareTables(PostgresConnection& connection, bool create, PostgresError& error) {
     long long format = 0;
-    // Two daemons may make the tables at one moment; one of them is then told so in various ways, and finds them.
-    for (int tries = 0; tries < 3; ++tries) {
+    // Several daemons may make the tables at one moment; all but one are told so in various ways, and find them.
+    PostgresError refused;
+    for (int tries = 0; tries < 10; ++tries) {
         error = {};
         if (readFormat(connection, format, error) && format != 0)
             break;
@@ -72,11 +75,13 @@ bool PostgresSchema::prepareTables(PostgresConnection& connection, bool create, 
             error = {"", "it holds no store of this system"};
             return false;
         }
-        PostgresError refused;
-        if (!createTables(connection, refused) && tries == 2) {
-            error = refused;
-            return false;
-        }
+        refused = {};
+        if (!createTables(connection, refused))
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    if (format == 0 && refused.isSet()) {
+        error = refused;
+        return false;
     }
     if (format == currentFormat)
         return true;
@@ -102,6 +107,14 @@ bool PostgresSchema::prepareWriting(PostgresConnection& connection, PostgresErro
         {mark, markStatement()},
         {begin, "BEGIN"},
         {commit, "COMMIT"},
+    };
+    return prepareAll(connection, statements, error);
+}
+
+bool PostgresSchema::prepareExchange(PostgresConnection& connection, PostgresError& error) {
+    const Statement statements[] = {
+        {insertNew, "INSERT INTO qel_items (key, value) VALUES ($1, $2) ON CONFLICT (key) DO NOTHING"},
+        {exchange, "UPDATE qel_items SET value = $2 WHERE key = $1 AND value = $3"},
     };
     return prepareAll(connection, statements, error);
 }

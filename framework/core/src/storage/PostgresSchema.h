@@ -17,6 +17,8 @@ class PostgresSchema {
     static constexpr const char* readBefore = "qel_before";
     static constexpr const char* put = "qel_put";
     static constexpr const char* remove = "qel_remove";
+    static constexpr const char* insertNew = "qel_insert_new";
+    static constexpr const char* exchange = "qel_exchange";
     static constexpr const char* mark = "qel_mark";
     static constexpr const char* begin = "qel_begin";
     static constexpr const char* commit = "qel_commit";
@@ -25,6 +27,7 @@ class PostgresSchema {
     static bool prepareTables(PostgresConnection& connection, bool create, PostgresError& error);
     static bool prepareReading(PostgresConnection& connection, PostgresError& error);
     static bool prepareWriting(PostgresConnection& connection, PostgresError& error);
+    static bool prepareExchange(PostgresConnection& connection, PostgresError& error);
     /// False when a commit of this server could be lost in a crash.
     static bool isDurable(PostgresConnection& connection, PostgresError& error);
     /// The record of the unique clock, empty when there is none yet.

@@ -70,6 +70,15 @@ bool StoreCore::reportForeign() const {
     return false;
 }
 
+void StoreCore::forgetSnapshot() {
+    storage::ThreadState& state = thread();
+    if (state.cursor == nullptr || isForeignProcess())
+        return;
+    const std::lock_guard guard(state.cursor->lock);
+    if (!state.cursor->closed)
+        state.cursor->rest();
+}
+
 bool StoreCore::accepts(std::size_t keySize, std::size_t valueSize, std::string& reason) const {
     const std::size_t keyLimit = engine_->keyLimit();
     const std::size_t limit = valueLimit.load(std::memory_order_relaxed);

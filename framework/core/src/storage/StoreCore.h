@@ -46,6 +46,9 @@ class StoreCore {
         return result;
     }
 
+    /// The next read of this thread sees what all others have committed, however recently.
+    void forgetSnapshot();
+
     /// Checks, collects or commits one write.
     bool write(storage::Bytes key, storage::Bytes value, bool removes);
     /// Writes of the store's own records: no limits, always durable on return. `reason` says why not.

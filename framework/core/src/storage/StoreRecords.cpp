@@ -56,6 +56,7 @@ StoreLog decodeLog(Bytes name, const Item& item) {
 }  // namespace
 
 bool StoreRecords::read(Bytes key, Item& out) {
+    core_.forgetSnapshot();
     return core_.read([&](StoreReader& reader) {
         if (!reader.exactly(key))
             return false;
@@ -87,16 +88,30 @@ bool StoreRecords::prepare(std::string& reason) {
     StoreIdentity fresh;
     fresh.format = currentFormat;
     fresh.created = System::getUTCDateTime();
-    const CommitResult result = write(fresh);
+    bool written = false;
+    const CommitResult result = exchange(StoreIdentity(), fresh, written);
     reason = result.reason;
-    return result.durable;
+    // Somebody else may have been faster, with the same format or a newer one.
+    return result.durable && (written || prepare(reason));
 }
 
 CommitResult StoreRecords::write(const StoreIdentity& identity) {
     return core_.writeOwn(keyOf(identityKey), ItemNavigation::bytesOf(encode(identity)));
 }
 
+CommitResult StoreRecords::exchange(const StoreIdentity& before, const StoreIdentity& after, bool& written) {
+    const Item old = before.format == 0 ? Item() : encode(before);
+    const Item fresh = encode(after);
+    const auto result = core_.engine().exchange(keyOf(identityKey), ItemNavigation::bytesOf(old),
+                                                ItemNavigation::bytesOf(fresh), written);
+    if (result)
+        return *result;
+    written = true;
+    return write(after);
+}
+
 std::vector<StoreLog> StoreRecords::logs() {
+    core_.forgetSnapshot();
     std::vector<StoreLog> out;
     core_.read([&](StoreReader& reader) {
         const Bytes prefix = keyOf(logKey);

@@ -20,6 +20,8 @@ class StoreRecords {
     bool prepare(std::string& reason);
     StoreIdentity identity();
     CommitResult write(const StoreIdentity& identity);
+    /// The same, unless another process has changed it since `before` was read: then `written` is false.
+    CommitResult exchange(const StoreIdentity& before, const StoreIdentity& after, bool& written);
     std::vector<StoreLog> logs();
     CommitResult write(const StoreLog& log);
 
