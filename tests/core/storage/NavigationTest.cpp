@@ -1,4 +1,5 @@
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/StoreFixture.h"
@@ -160,3 +161,54 @@ TEST_P(Navigation, LongestKeysAndSeekBounds) {
 
 INSTANTIATE_TEST_SUITE_P(Store, Navigation, ::testing::Bool(),
                          [](const auto& param) { return param.param ? "Pending" : "Committed"; });
+
+namespace {
+
+using Walk = StoreTest;
+
+}  // namespace
+
+TEST_F(Walk, LongReaderNeverPinsTheStore) {
+    const Item log = path("log");
+    {
+        WriteBatch batch;
+        for (long long i = 0; i < 300; ++i)
+            write(key(log, i), "v");
+        ASSERT_TRUE(batch.commit().durable);
+    }
+    long long seen = 0;
+    Item at;
+    for (bool found = log.child(at); found; found = at.next(), ++seen) {
+        EXPECT_EQ(at, key(log, seen));
+        // Somebody writes between any two steps; what the walk holds is at most one commit old.
+        if (seen % 10 == 0)
+            write(path("other"), std::to_string(seen));
+        ASSERT_LE(store_->space().oldestReaderLag, 1U);
+    }
+    EXPECT_EQ(seen, 300);
+}
+
+TEST_F(Walk, SeesWhatComesBehindItAndNotWhatIsGone) {
+    const Item log = path("log");
+    for (const long long i : {1LL, 2LL, 3LL})
+        write(key(log, i), "v");
+    Item at;
+    ASSERT_TRUE(log.child(at));
+    std::thread([&] {
+        key(log, 2).remove();
+        write(key(log, 4), "v");
+    }).join();
+    ASSERT_TRUE(at.next());
+    EXPECT_EQ(at, key(log, 3));
+    ASSERT_TRUE(at.next());
+    EXPECT_EQ(at, key(log, 4));
+    EXPECT_FALSE(at.next());
+}
+
+TEST_F(Walk, FetchAfterAStepSeesWhatAnotherThreadWroteSince) {
+    write(key(path("log"), 1), "old");
+    Item at;
+    ASSERT_TRUE(path("log").child(at));
+    std::thread([&] { write(at, "new"); }).join();
+    EXPECT_EQ(read(at), "new");
+}

@@ -21,7 +21,7 @@ class StoreCore;
 /// owns it and closes it by destroying the object, after the threads that use it have stopped; what is
 /// pending is committed first.
 ///
-/// Threads: one commit thread per open store. All writes pending at one moment, of all threads, become one
+/// Threads: one commit thread per open store, and writers that wait commit for each other. All writes pending at one moment, of all threads, become one
 /// durable transaction. A store does not survive `fork`: in the child every operation fails with a log line.
 class QELCORE_EXPORT ItemStore {
   public:
@@ -119,7 +119,7 @@ class QELCORE_EXPORT ItemStore {
 
     StoreStatistics statistics() const;
     StoreSpace space();
-    /// Called on the commit thread after each commit; must be quick and must not use the store. Replaces the
+    /// Called after each commit on the thread that made it; must be quick and must not use the store. Replaces the
     /// last one.
     void setCommitObserver(std::function<void(const CommitReport&)> observer);
 

@@ -15,9 +15,14 @@ using namespace std::chrono_literals;
 // A snapshot unused for one to two of these is given back.
 constexpr auto sweepInterval = 100ms;
 constexpr auto idleInterval = 500ms;
-// Small against a flush, long enough for the writers of the last group to wake up and write again: without it they
-// would fall into two groups that wait for each other's flush by turns.
-constexpr auto gatherTime = 60us;
+// How long a commit waits for the company it may expect, as a part of what the last commit took: small against that, and long
+// enough for the writers of the last commit to wake up and write again. Without it they fall into two groups that wait for
+// each other's flush by turns.
+constexpr int gatherPart = 8;
+constexpr auto gatherAtLeast = 30us;
+constexpr auto gatherAtMost = 1000us;
+// Up to here waiting awake is cheaper than falling asleep.
+constexpr auto gatherAwake = 60us;
 
 long long microsecondsNow() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -63,48 +68,78 @@ void GroupCommit::unreserve(std::size_t bytes) {
     room_.notify_all();
 }
 
-GroupCommit::Ticket GroupCommit::submit(std::unique_ptr<PendingBatch> batch) {
+void GroupCommit::add(std::unique_ptr<PendingBatch> batch) {
+    pendingWrites_ += batch->writes().size();
+    collecting_->bytes += batch->bytes();
+    collecting_->batches.push_back(std::move(batch));
+    const std::size_t count = collecting_->batches.size();
+    collected_.store(count, std::memory_order_relaxed);
+    if (committing_ && count == expected_)
+        company_.notify_one();
+}
+
+void GroupCommit::submit(std::unique_ptr<PendingBatch> batch) {
     const std::lock_guard guard(mutex_);
-    bool sooner = collecting_->batches.empty();
+    bool wakes = true;
     if (batch->deferred && !urgent_) {
         const auto deadline = Clock::now() + std::chrono::milliseconds(batch->deferredMilliseconds);
-        sooner = sooner || deadline < deadline_;
-        if (sooner)
+        wakes = collecting_->batches.empty() || deadline < deadline_;
+        if (wakes)
             deadline_ = deadline;
     } else {
         urgent_ = true;
     }
-    pendingWrites_ += batch->writes().size();
-    collecting_->bytes += batch->bytes();
-    collecting_->batches.push_back(std::move(batch));
-    if (sooner || urgent_)
+    add(std::move(batch));
+    if (wakes)
         work_.notify_one();
-    return collecting_;
 }
 
 void GroupCommit::submitAndWait(std::unique_ptr<PendingBatch> batch) {
     std::unique_lock lock(mutex_);
-    pendingWrites_ += batch->writes().size();
-    collecting_->bytes += batch->bytes();
-    collecting_->batches.push_back(std::move(batch));
+    add(std::move(batch));
     const Ticket ticket = collecting_;
-    if (committing_) {
-        urgent_ = true;
-        lock.unlock();
-        work_.notify_one();
-        ticket->done.wait(0);
+    commitOrWait(lock, ticket);
+}
+
+void GroupCommit::commitOrWait(std::unique_lock<std::mutex>& lock, const Ticket& ticket) {
+    while (!ticket->done) {
+        if (!committing_) {
+            committing_ = true;
+            gather(lock);
+            takeGroup();
+            lock.unlock();
+            commitGroup(*ticket);
+            return;
+        }
+        ++ticket->waiters;
+        ticket->changed.wait(lock);
+        --ticket->waiters;
+    }
+}
+
+// Waits for the company that is expected; awake for short times, without giving up the processor, which on a busy machine
+// would be gone for long.
+void GroupCommit::gather(std::unique_lock<std::mutex>& lock) {
+    if (collecting_->batches.size() >= expected_)
+        return;
+    const auto time = std::clamp<Clock::duration>(lastCommit_ / gatherPart, gatherAtLeast, gatherAtMost);
+    if (time > gatherAwake) {
+        company_.wait_for(lock, time, [this] { return collecting_->batches.size() >= expected_; });
         return;
     }
-    takeGroup();
+    const std::size_t expected = expected_;
     lock.unlock();
-    commitGroup(*ticket);
+    const auto until = Clock::now() + time;
+    while (collected_.load(std::memory_order_relaxed) < expected && Clock::now() < until) {
+    }
+    lock.lock();
 }
 
 // The caller holds the mutex; the group that was collected becomes the running one.
 GroupCommit::Ticket GroupCommit::takeGroup() {
     committing_ = true;
     urgent_ = false;
-    lastCount_ = collecting_->batches.size();
+    collected_.store(0, std::memory_order_relaxed);
     running_ = std::exchange(collecting_, std::make_shared<Group>());
     return running_;
 }
@@ -115,14 +150,14 @@ bool GroupCommit::drain(unsigned milliseconds) {
         return true;
     // Groups are committed one after the other: the last one's end is everyone's.
     const Ticket ticket = collecting_->batches.empty() ? running_ : collecting_;
+    if (milliseconds == 0) {
+        commitOrWait(lock, ticket);
+        return true;
+    }
     urgent_ = true;
     work_.notify_one();
-    const auto done = [&] { return ticket->done.load() != 0; };
-    if (milliseconds != 0)
-        return room_.wait_for(lock, std::chrono::milliseconds(milliseconds), done);
-    lock.unlock();
-    ticket->done.wait(0);
-    return true;
+    return ticket->changed.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                                    [&] { return ticket->done; });
 }
 
 void GroupCommit::snapshotTaken() {
@@ -134,17 +169,6 @@ bool GroupCommit::isDue(Clock::time_point now) const {
     if (committing_ || collecting_->batches.empty())
         return false;
     return urgent_ || stopping_ || now >= deadline_;
-}
-
-void GroupCommit::gather(std::unique_lock<std::mutex>& lock) {
-    if (lastCount_ < 2)
-        return;
-    const auto until = Clock::now() + gatherTime;
-    while (collecting_->batches.size() < lastCount_ && !stopping_ && Clock::now() < until) {
-        lock.unlock();
-        std::this_thread::yield();
-        lock.lock();
-    }
 }
 
 void GroupCommit::waitForWork(std::unique_lock<std::mutex>& lock) {
@@ -162,10 +186,6 @@ void GroupCommit::run() {
         ++turns_;
         const auto now = Clock::now();
         if (isDue(now)) {
-            gather(lock);
-            // A writer may have committed for itself, and for all, meanwhile.
-            if (!isDue(now))
-                continue;
             const Ticket group = takeGroup();
             lock.unlock();
             commitGroup(*group);
@@ -186,6 +206,7 @@ void GroupCommit::run() {
 }
 
 void GroupCommit::commitGroup(Group& group) {
+    const auto start = Clock::now();
     std::vector<PendingBatch*> part;
     std::size_t bytes = 0;
     for (const auto& batch : group.batches) {
@@ -197,16 +218,21 @@ void GroupCommit::commitGroup(Group& group) {
         bytes += batch->bytes();
     }
     commitPart(part);
+    const std::size_t count = group.batches.size();
     group.batches.clear();
     {
         const std::lock_guard guard(mutex_);
+        expected_ = count + collecting_->batches.size();
+        lastCommit_ = Clock::now() - start;
         committing_ = false;
-        group.done = 1;
+        group.done = true;
         room_.notify_all();
-        if (!collecting_->batches.empty() || stopping_)
+        if (collecting_->waiters != 0)
+            collecting_->changed.notify_one();
+        else if (!collecting_->batches.empty() || stopping_)
             work_.notify_one();
     }
-    group.done.notify_all();
+    group.changed.notify_all();
 }
 
 void GroupCommit::commitPart(std::vector<PendingBatch*>& part) {

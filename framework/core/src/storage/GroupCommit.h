@@ -15,15 +15,19 @@
 
 namespace qel::storage {
 
-/// Makes all that is pending durable in as few transactions as possible. One thread commits; a writer that finds nothing
-/// going on commits for itself, which spares two changes of thread. Any thread may submit.
+/// Makes all that is pending durable in as few transactions as possible. A thread of its own commits what nobody waits for;
+/// of the writers that wait, whoever runs first when the last commit is over commits for all, so that no commit waits for
+/// a certain thread to be scheduled. Any thread may submit.
 class GroupCommit {
   public:
-    /// Batches committed together. `done` is set when they are durable or lost.
+    /// Batches committed together. `done` is set when they are durable or lost. All guarded by the mutex.
     struct Group {
         std::vector<std::unique_ptr<PendingBatch>> batches;
         std::size_t bytes = 0;
-        std::atomic<std::uint32_t> done{0};
+        bool done = false;
+        // Writers that wait, for the end or for their turn to commit.
+        unsigned waiters = 0;
+        std::condition_variable changed;
     };
     using Ticket = std::shared_ptr<Group>;
 
@@ -35,7 +39,7 @@ class GroupCommit {
     /// Waits for room, then accounts for the bytes; false when there was none within the patience.
     bool reserve(std::size_t bytes);
     void unreserve(std::size_t bytes);
-    Ticket submit(std::unique_ptr<PendingBatch> batch);
+    void submit(std::unique_ptr<PendingBatch> batch);
     /// Submits and returns when it is durable or lost.
     void submitAndWait(std::unique_ptr<PendingBatch> batch);
     /// Until everything submitted so far is durable or lost; false when that took longer than `milliseconds`, unless 0.
@@ -51,6 +55,8 @@ class GroupCommit {
     using Clock = std::chrono::steady_clock;
 
     void run();
+    void add(std::unique_ptr<PendingBatch> batch);
+    void commitOrWait(std::unique_lock<std::mutex>& lock, const Ticket& ticket);
     void gather(std::unique_lock<std::mutex>& lock);
     void waitForWork(std::unique_lock<std::mutex>& lock);
     bool isDue(Clock::time_point now) const;
@@ -67,10 +73,13 @@ class GroupCommit {
     mutable std::mutex mutex_;
     std::condition_variable work_;
     std::condition_variable room_;
+    std::condition_variable company_;
     Ticket collecting_;
     Ticket running_;
-    // Batches of the last group: so many writers are likely to come back at once.
-    std::size_t lastCount_ = 0;
+    // Batches in `collecting_`, and how many writers took part in the last commit or came while it ran.
+    std::atomic<std::size_t> collected_{0};
+    std::size_t expected_ = 0;
+    Clock::duration lastCommit_{};
     Clock::time_point deadline_;
     bool urgent_ = false;
     bool committing_ = false;
