@@ -30,8 +30,8 @@ void AccessCharts::enqueue(std::uint32_t name, const Day& day, std::uint32_t vis
                            std::string_view identifier, Kind kind) {
     const std::uint32_t hash = TextNumbers::hashOf(identifier);
     identifiers_.callSlot(hash);
-    pending_.push_back({name, visit, day, identifier, kind, hash, 0, false});
-    if (pending_.size() == batchSize)
+    pending_.push_back({name, visit, day, identifier, kind, hash, 0, false, false});
+    if (pending_.size() >= batchSize)
         countBatch();
 }
 
@@ -40,10 +40,15 @@ void AccessCharts::countBatch() {
         identifiers_.callEntry(access.hash);
     for (const Pending& access : pending_)
         identifiers_.callText(access.hash);
+    bool arePlain = true;
     for (Pending& access : pending_) {
+        access.isPlain = AccessKeys::isPlain(access.day.day, access.identifier);
+        arePlain = arePlain && access.isPlain;
         access.low = lowHalf(identifiers_.numberOf(access.identifier, access.hash), access.kind);
         seen_.call(pairKey(access.visit, access.low));
     }
+    if (!arePlain)
+        separateKeys();
     for (Pending& access : pending_) {
         // The very same access again: no chart counts it twice.
         access.isNew = seen_.insert(pairKey(access.visit, access.low));
@@ -58,8 +63,10 @@ void AccessCharts::countBatch() {
 
 void AccessCharts::callForSets(const Pending& access) const {
     const Visit& visit = visits_[access.visit - 1];
-    seenInMonth_.call(pairKey(visit.inMonth, access.low));
     seenByUser_.call(pairKey(visit.ofUser, access.low));
+    if (!keysMayMeet_)
+        return;
+    seenInMonth_.call(pairKey(visit.inMonth, access.low));
     for (const std::uint32_t group : visit.ofGroups)
         seenByGroup_.call(pairKey(group, access.low));
 }
@@ -93,17 +100,40 @@ AccessCharts::Visit AccessCharts::makeVisit(std::uint32_t name, const Day& day) 
     visit.inMonth = monthPlaces_.numberOf(
         placeKey(keys_.prefix(user), joinedDays_.numberOf(day.month, day.year, day.day)));
     visit.ofUser = userPlaces_.numberOf(placeKey(keys_.prefix(user + "-"), dayOfMonth));
+    if (visit.ofUser > visitOfUserPlace_.size())
+        visitOfUserPlace_.push_back(static_cast<std::uint32_t>(visits_.size()));
     for (const std::uint32_t group : users_.groupsOf(name))
-        visit.ofGroups.push_back(
-            groupPlaces_.numberOf(placeKey(keys_.prefix(groupPrefix(group, name)), dayOfMonth)));
+        visit.ofGroups.push_back(groupPlace(group, name, dayOfMonth));
     return visit;
+}
+
+std::uint32_t AccessCharts::groupPlace(std::uint32_t group, std::uint32_t name, std::uint32_t dayOfMonth) {
+    const std::uint32_t prefix = keys_.prefix(groupPrefix(group, name));
+    // Group "a-b" with user "c" joins to the same text as group "a" with user "b-c".
+    if (ownerOfPrefix_.try_emplace(prefix, pairKey(group, name)).first->second != pairKey(group, name))
+        separateKeys();
+    return groupPlaces_.numberOf(placeKey(prefix, dayOfMonth));
+}
+
+void AccessCharts::separateKeys() {
+    if (keysMayMeet_)
+        return;
+    keysMayMeet_ = true;
+    seen_.forEach([&](std::uint64_t key) {
+        // Called before the first access that is not plain is entered anywhere: these are all plain.
+        seenInMonth_.insert(pairKey(visits_[highOf(key) - 1].inMonth, lowOf(key)));
+    });
+    seenByUser_.forEach([&](std::uint64_t key) {
+        for (const std::uint32_t place : visits_[visitOfUserPlace_[highOf(key) - 1]].ofGroups)
+            seenByGroup_.insert(pairKey(place, lowOf(key)));
+    });
 }
 
 void AccessCharts::countNew(const Pending& access) {
     if (access.kind == seriesKind)
         counts_.viewedPerUserPerMonth.increaseByOne(access.day.month, access.day.year,
                                                     viewers_[access.name].series);
-    if (AccessKeys::isPlain(access.day.day, access.identifier))
+    if (access.isPlain)
         countPlain(access);
     else
         countJoined(access);
@@ -111,14 +141,20 @@ void AccessCharts::countNew(const Pending& access) {
 
 void AccessCharts::countPlain(const Pending& access) {
     const Visit& visit = visits_[access.visit - 1];
-    if (seenInMonth_.insert(pairKey(visit.inMonth, access.low)))
+    if (!keysMayMeet_ || seenInMonth_.insert(pairKey(visit.inMonth, access.low)))
         counts_.viewedPerMonth.increaseByOne(access.day.month, access.day.year,
                                              static_cast<int>(access.kind));
-    if (seenByUser_.insert(pairKey(visit.ofUser, access.low)))
+    const bool isNewToUser = seenByUser_.insert(pairKey(visit.ofUser, access.low));
+    if (isNewToUser)
         ++viewers_[access.name].totals[access.kind];
+    if (isNewToUser || keysMayMeet_)
+        countForGroups(access, visit);
+}
+
+void AccessCharts::countForGroups(const Pending& access, const Visit& visit) {
     const std::vector<std::uint32_t>& groups = users_.groupsOf(access.name);
     for (std::size_t i = 0; i < groups.size(); ++i)
-        if (seenByGroup_.insert(pairKey(visit.ofGroups[i], access.low)))
+        if (!keysMayMeet_ || seenByGroup_.insert(pairKey(visit.ofGroups[i], access.low)))
             countForGroup(groups[i], access.kind);
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "converter/AccessKeys.h"
@@ -15,6 +16,11 @@ namespace qel {
 
 /// What was looked at: series and studies per month, per user, per group and per user and month, from the
 /// "DataAccess" lines of the audit log.
+///
+/// Four charts have once-rules over user, day and identifier. As long as no two of their joined keys can meet, two
+/// sets decide all four: an access that is new on its day is new in its month, and one that is new to its user is new
+/// to each group of the user. The first access or group whose key might meet another one makes the remaining two
+/// sets, out of the first two, and from then on each chart asks its own.
 class AccessCharts {
   public:
     AccessCharts(UsageCounts& counts, UserDirectory& users) : counts_(counts), users_(users) {}
@@ -52,6 +58,7 @@ class AccessCharts {
         Kind kind;
         std::uint32_t hash;
         std::uint32_t low;  ///< second half of the once-keys
+        bool isPlain;
         bool isNew;
     };
     static constexpr std::size_t batchSize = 128;
@@ -66,6 +73,9 @@ class AccessCharts {
     std::uint32_t visitOf(Viewer& viewer, std::uint32_t name, const Day& day);
     Visit makeVisit(std::uint32_t name, const Day& day);
     void countPlain(const Pending& access);
+    void countForGroups(const Pending& access, const Visit& visit);
+    void separateKeys();
+    std::uint32_t groupPlace(std::uint32_t group, std::uint32_t name, std::uint32_t dayOfMonth);
     void countJoined(const Pending& access);
     std::string groupPrefix(std::uint32_t group, std::uint32_t name) const;
     void countForGroup(std::uint32_t group, Kind kind);
@@ -84,9 +94,12 @@ class AccessCharts {
     KeyNumbers userPlaces_;
     KeyNumbers groupPlaces_;
     OnceSet seen_;  // user, day and identifier, as they come
-    OnceSet seenInMonth_;
     OnceSet seenByUser_;
+    bool keysMayMeet_ = false;  // only then the two below are kept
+    OnceSet seenInMonth_;
     OnceSet seenByGroup_;
+    std::vector<std::uint32_t> visitOfUserPlace_;                     // one of the visits that have the place
+    std::unordered_map<std::uint32_t, std::uint64_t> ownerOfPrefix_;  // group and user that join to it
 };
 
 }  // namespace qel

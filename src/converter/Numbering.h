@@ -82,6 +82,12 @@ class TextNumbers {
 constexpr std::uint64_t pairKey(std::uint32_t high, std::uint32_t low) {
     return std::uint64_t{high} << 32 | low;
 }
+constexpr std::uint32_t highOf(std::uint64_t key) {
+    return static_cast<std::uint32_t>(key >> 32);
+}
+constexpr std::uint32_t lowOf(std::uint64_t key) {
+    return static_cast<std::uint32_t>(key);
+}
 
 /// Numbers 64-bit keys from 1 in the order in which they are met. (From 1, so that a pair whose high half is
 /// such a number is never 0, which OnceSet needs.)
@@ -112,6 +118,13 @@ class OnceSet {
     /// True when the key was not there before.
     bool insert(std::uint64_t key);
     std::size_t size() const { return count_; }
+
+    template <class Use>
+    void forEach(const Use& use) const {
+        for (const std::uint64_t key : slots_)
+            if (key != 0)
+                use(key);
+    }
 
   private:
     void grow();

@@ -151,5 +151,69 @@ TEST_F(PlainReference, PagesAreTheSameWithManyNames) {
     expectSamePage(converter, true);
 }
 
+/// A log whose keys begin to meet only after many that do not.
+class LateMeetings : public PlainReference {
+  protected:
+    void access(const std::string& user, int day, const std::string& identifiers) {
+        audit_ += "3/" + std::to_string(day) + "/2021 1:1:1;" + user + ";W;DataAccess;" + identifiers + "\n";
+    }
+    void manyThatDoNotMeet() {
+        for (int i = 0; i < 700; ++i)
+            access(i % 3 == 0   ? "a"
+                   : i % 3 == 1 ? "a-1"
+                                : "c",
+                   i % 28 + 1, "s" + std::to_string(i % 40) + ";" + std::to_string(i % 90));
+    }
+    void expectSamePage() {
+        AuditCSVtoHtmlReportConverter converter;
+        converter.connect([](const String& user) {
+            return user == "c"     ? List<String>{"a-b", "all"}
+                   : user == "b-c" ? List<String>{"all", "a"}
+                                   : List<String>{"all"};
+        });
+        converter.setLogs("", audit_);
+        PlainReference::expectSamePage(converter, false);
+    }
+
+    std::string audit_ = "h\n";
+};
+
+TEST_F(LateMeetings, OfIdentifiersWithDashes) {
+    manyThatDoNotMeet();
+    for (int i = 0; i < 90; ++i) {
+        access("a", 1, "1-s" + std::to_string(i) + ";2-" + std::to_string(i));
+        access("a-1", 2, "t;" + std::to_string(i));
+        access("a", i % 28 + 1, "s" + std::to_string(i) + ";" + std::to_string(i));
+    }
+    expectSamePage();
+}
+
+TEST_F(LateMeetings, OfGroupsAndUsers) {
+    manyThatDoNotMeet();
+    for (int i = 0; i < 200; ++i)
+        access("b-c", i % 28 + 1, "s" + std::to_string(i % 40) + ";" + std::to_string(i % 90));
+    manyThatDoNotMeet();
+    expectSamePage();
+}
+
+TEST_F(LateMeetings, OfNegativeDays) {
+    manyThatDoNotMeet();
+    access("a-", 5, "s1;1");
+    access("a", -5, "s1;1");
+    access("a", -1, ";");
+    access("a--1-", -1, ";");
+    expectSamePage();
+}
+
+TEST_F(LateMeetings, WithinOneBatch) {
+    for (int i = 0; i < 30; ++i)
+        access("a-1", 2, "t;" + std::to_string(i % 7));
+    access("a", 1, "t;2-3");
+    for (int i = 0; i < 30; ++i)
+        access("a-1", 2, "u;" + std::to_string(i % 9));
+    access("a", 1, "t;2-8");
+    expectSamePage();
+}
+
 }  // namespace
 }  // namespace qel::test

@@ -94,11 +94,11 @@ TEST(DangerScan, FindsDangerWhereverItStands) {
         for (std::size_t at = 0; at < log.size(); at += 37) {
             std::string hostile = log;
             hostile.insert(at, danger);
-            for (const std::size_t piece : {1, 7, 512, 100000})
+            for (const std::size_t piece : {1U, 7U, 512U, 100000U})
                 EXPECT_TRUE(foundInPieces(hostile, piece))
                     << danger << " at " << at << " in pieces of " << piece;
         }
-    for (const std::size_t piece : {1, 7, 512, 513, 100000})
+    for (const std::size_t piece : {1U, 7U, 512U, 513U, 100000U})
         EXPECT_FALSE(foundInPieces(log, piece));
     EXPECT_FALSE(foundInPieces("a\r", 1));
 }
