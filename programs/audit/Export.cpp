@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <filesystem>
+#include <mutex>
+#include <thread>
 
 #include "audit/Commands.h"
 #include "common/CentralStore.h"
@@ -61,6 +64,47 @@ class NewFile {
     bool done_ = false;
 };
 
+/// Draws how far a file has grown while another thread's work writes it.
+class GrowthBar {
+  public:
+    GrowthBar(std::string file, std::uint64_t expected, bool quiet) {
+        if (!Progress::isShown(quiet))
+            return;
+        thread_ = std::thread([this, path = std::move(file), expected] {
+            Progress progress("writing, bytes:", expected, false);
+            std::unique_lock lock(mutex_);
+            while (!done_.wait_for(lock, std::chrono::milliseconds(200), [this] { return ended_; })) {
+                std::error_code error;
+                const std::uintmax_t size = std::filesystem::file_size(path, error);
+                progress.show(error ? 0 : size);
+            }
+        });
+    }
+    ~GrowthBar() {
+        if (!thread_.joinable())
+            return;
+        {
+            const std::lock_guard lock(mutex_);
+            ended_ = true;
+        }
+        done_.notify_all();
+        thread_.join();
+    }
+    GrowthBar(const GrowthBar&) = delete;
+    GrowthBar& operator=(const GrowthBar&) = delete;
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable done_;
+    bool ended_ = false;
+    std::thread thread_;
+};
+
+RangeFacts countFirst(const Item& log, const TimeSpan& from, const TimeSpan& to, bool quiet) {
+    Progress progress("counting", 0, quiet);
+    return measureRange(log, from.first, to.last, [&](std::uint64_t done) { progress.update(done); });
+}
+
 /// Looks whether the file is what was promised: the header, each event, and the line breaks inside values. While the
 /// log grows, what it held before and after the writing are the bounds.
 FileFacts checkExport(const std::string& file, const Item& log, const TimeSpan& from, const TimeSpan& to,
@@ -88,10 +132,9 @@ int runExport(CommandLine& line) {
     std::optional<TimeSpan> to;
     line.describe(
         "Writes the events of a time range as semicolon-separated text, times in German local time, nothing "
-        "quoted. Both "
-        "ends of the range are included; a day, month, quarter or year means all of it. The store must lie "
-        "on this "
-        "machine and may be in use. An event in the audit trail tells who exported what.");
+        "quoted. Both ends of the range are included; a day, month, quarter or year means all of it. The "
+        "store "
+        "must lie on this machine and may be in use. An event in the audit trail tells who exported what.");
     line.requiredText("--store", "URL", url, "lmdb:PATH or postgresql://…");
     line.requiredChoice("--log", log, {"interaction", "audit"}, "which of the two logs");
     line.requiredTime("--from", from, "first time, included");
@@ -110,8 +153,11 @@ int runExport(CommandLine& line) {
     NewFile file(out);
 
     const Progress clock("", 0, true);
-    const RangeFacts expected = measureRange(target.path, from->first, to->last);
-    AuditExport::exportCSV(file.path().c_str(), target.path, from->first, to->last);
+    const RangeFacts expected = countFirst(target.path, *from, *to, line.quiet());
+    {
+        const GrowthBar bar(file.path(), expected.bytes, line.quiet());
+        AuditExport::exportCSV(file.path().c_str(), target.path, from->first, to->last);
+    }
     FileFacts found{0, expected.lines(), true};
     if (!file.isDirect())
         found = checkExport(file.path(), target.path, *from, *to, expected);

@@ -16,6 +16,9 @@ namespace {
 
 constexpr long long largestChecksum = 4294967295;
 
+// The time, the line feed, and the separators of parameters that an event usually does not have.
+constexpr std::uint64_t usualLineBytes = 26;
+
 Item keyAt(const Item& log, long long time, long long checksum) {
     Item inner;
     inner.addInteger(time);
@@ -31,6 +34,7 @@ void measureValue(ConstByteSpan value, RangeFacts& facts, std::string& scratch) 
     while (elements.convertAsText(text, scratch)) {
         const auto breaks = static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
         facts.lineBreaks += breaks;
+        facts.bytes += text.size() + 1;
         facts.shiftingValues += breaks > 0 || text.find_first_of(";\r") != std::string_view::npos;
     }
 }
@@ -62,7 +66,8 @@ class LineCounter {
 
 }  // namespace
 
-RangeFacts measureRange(const Item& log, long long first, long long last) {
+RangeFacts measureRange(const Item& log, long long first, long long last,
+                        const std::function<void(std::uint64_t)>& progress) {
     constexpr long long lowest = std::numeric_limits<long long>::min();
     RangeFacts facts;
     Item position = first == lowest ? keyAt(log, first, 0) : keyAt(log, first - 1, largestChecksum);
@@ -73,7 +78,10 @@ RangeFacts measureRange(const Item& log, long long first, long long last) {
         if (!position.trail().decodeElementAsItem(key) || !key.decodeElementAsInteger(time) || time > last)
             break;
         ++facts.entries;
+        facts.bytes += usualLineBytes;
         measureValue(position.fetch(), facts, scratch);
+        if (progress)
+            progress(facts.entries);
     }
     return facts;
 }

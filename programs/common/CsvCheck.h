@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "qelCore/Item.h"
@@ -12,12 +13,15 @@ struct RangeFacts {
     std::uint64_t entries = 0;
     std::uint64_t lineBreaks = 0;      ///< line feeds inside values: each makes one more line
     std::uint64_t shiftingValues = 0;  ///< values that hold ";" or a line break
+    std::uint64_t bytes = 0;           ///< about the size of the file, for a bar
 
     std::uint64_t lines() const { return 1 + entries + lineBreaks; }
 };
 
-/// Walks the events of a central log with `first` <= time <= `last` in the process's current store.
-RangeFacts measureRange(const Item& log, long long first, long long last);
+/// Walks the events of a central log with `first` <= time <= `last` in the process's current store. `progress` is told
+/// the number of events now and then.
+RangeFacts measureRange(const Item& log, long long first, long long last,
+                        const std::function<void(std::uint64_t)>& progress = {});
 
 /// What lies in a file. Plain record.
 struct FileFacts {

@@ -48,6 +48,11 @@ void Progress::update(std::uint64_t done) {
     draw(done);
 }
 
+void Progress::show(std::uint64_t done) {
+    if (shown_)
+        draw(done);
+}
+
 double Progress::seconds() const {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
 }

@@ -22,6 +22,9 @@ class Progress {
     /// Cheap enough for every event: the clock is looked at once in a few hundred calls.
     void update(std::uint64_t done);
 
+    /// For callers that come a few times a second only.
+    void show(std::uint64_t done);
+
     double seconds() const;
 
   private:

@@ -48,6 +48,32 @@ TEST_F(FlowTest, ExportOfALogInUseLeavesATraceInTheAuditTrail) {
     EXPECT_EQ(exported("audit").size(), 2u);
 }
 
+TEST_F(FlowTest, ExportCountsLineBreaksInsideValuesAndTellsWhatShiftsColumns) {
+    serve();
+    record("anna", "[\"A\",\"one\\ntwo\\nthree\",\"x;y\"]\n[\"B\",\"plain\"]\n");
+    ASSERT_EQ(forward("anna").code, 0);
+    const std::string file = folder_ / "odd.csv";
+    const test::ProgramResult result =
+        audit({"export", "--store", "lmdb:" + site() + "/store", "--log", "interaction", "--from", "2020",
+               "--to", "2099", "--out", file, "--json"});
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(result.out.rfind("{\"events\":2,\"lines\":5,", 0), 0u) << result.out;
+    EXPECT_NE(result.out.find("\"shiftingValues\":2,"), std::string::npos) << result.out;
+    EXPECT_NE(result.err.find("2 values hold \";\" or line breaks"), std::string::npos) << result.err;
+    EXPECT_FALSE(std::filesystem::exists(file + ".part"));
+}
+
+TEST_F(FlowTest, ExportReplacesAnOlderFileWholeAndWritesIntoADevice) {
+    serve();
+    record("anna", "[\"A\"]\n");
+    ASSERT_EQ(forward("anna").code, 0);
+    const std::string file = folder_.write("old.csv", std::string(100000, 'x'));
+    EXPECT_EQ(exportLog("interaction", file).code, 0);
+    EXPECT_LT(readTextFile(file).size(), 300u);
+    EXPECT_EQ(exportLog("interaction", "/dev/null").code, 0);
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+}
+
 TEST_F(FlowTest, SeveralIdentitiesKeepTheirEventsApart) {
     serve();
     record("anna", "{\"time\":\"2026-03-01T08:00:00Z\",\"event\":[\"A\"]}\n", "interaction", true);
