@@ -10,6 +10,7 @@ int runInit(CommandLine& line) {
     std::string server;
     std::string join;
     std::string state;
+    std::string store;
     AuthorityKey key;
     line.describe(
         "Makes the folder of a site: its authority, the site key, the identity of a server and "
@@ -24,23 +25,33 @@ int runInit(CommandLine& line) {
     line.text("--join", "DIR0", join, "make one more server of the site in DIR0, with the same site key");
     line.text("--state", "DIR1", state,
               "folder of what the server writes, its store above all (default DIR)");
+    line.text("--store", "URL", store,
+              "store of the server: lmdb:PATH or postgresql://…, whose files lie relative to DIR (default an "
+              "embedded "
+              "one in DIR or DIR1)");
     line.text("--authority-key", "FILE", key.file,
               "where the authority's key lives, instead of DIR/authority.key");
     line.text("--passphrase-file", "FILE", key.passphraseFile,
               "file with the passphrase of the authority's key");
     line.example("qel-audit init /etc/qel --server audit.hospital.example");
     line.example("qel-audit init /etc/qel-auditd --server audit.example --state /var/lib/qel");
+    line.example(
+        "qel-audit init site2 --server audit2.example --join site --store "
+        "postgresql://qel@db/audit?password_file=db.password");
     if (const auto code = line.parse())
         return *code;
     if (server.empty())
         return line.usageError("--server is empty, expected a name or an IP address");
 
+    if (!store.empty() && store.rfind("lmdb:", 0) != 0 && store.rfind("postgresql://", 0) != 0)
+        return line.usageError("--store \"" + store + "\", expected lmdb:PATH or postgresql://…");
+
     Output output(line.name(), line.quiet(), line.json());
     const Site site(folder);
     if (join.empty())
-        site.create(server, key, state);
+        site.create(server, key, state, store);
     else
-        site.join(Site(join), server, key, state);
+        site.join(Site(join), server, key, state, store);
     output.message("the site lies in " + folder + "; start its server with 'qel-auditd --config " +
                    site.configuration() + "'");
     output.result().add("folder", folder);

@@ -1,5 +1,6 @@
 #include "common/Configs.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 
@@ -34,6 +35,24 @@ void bindTls(ConfigBinder& binder, TlsConfig& tls) {
 
 }  // namespace
 
+namespace {
+
+// The value of one parameter behind the question mark of a URL.
+template <typename Change>
+void replaceParameter(std::string& url, const std::string& name, Change change) {
+    const std::size_t question = url.find('?');
+    for (std::size_t at = question; at != std::string::npos; at = url.find('&', at + 1)) {
+        if (url.compare(at + 1, name.size() + 1, name + '=') != 0)
+            continue;
+        const std::size_t begin = at + name.size() + 2;
+        const std::size_t end = std::min(url.find('&', begin), url.size());
+        url.replace(begin, end - begin, change(url.substr(begin, end - begin)));
+        return;
+    }
+}
+
+}  // namespace
+
 std::string ConfigBase::resolve(const std::string& path) const {
     if (path.empty())
         return path;
@@ -51,9 +70,12 @@ std::string ConfigBase::resolveSecret(const std::string& path) const {
 
 std::string ConfigBase::resolveUrl(const std::string& url) const {
     constexpr std::string_view embedded = "lmdb:";
-    if (url.compare(0, embedded.size(), embedded) != 0)
-        return url;
-    return std::string(embedded) + resolve(url.substr(embedded.size()));
+    if (url.compare(0, embedded.size(), embedded) == 0)
+        return std::string(embedded) + resolve(url.substr(embedded.size()));
+    std::string out = url;
+    replaceParameter(out, "password_file", [this](const std::string& file) { return resolveSecret(file); });
+    replaceParameter(out, "sslrootcert", [this](const std::string& file) { return resolve(file); });
+    return out;
 }
 
 void DaemonConfig::bind(ConfigBinder& binder) {

@@ -31,7 +31,7 @@ struct ConfigBase {
     /// The same for a secret, of which the service manager may have handed this process a copy of the same name below
     /// $CREDENTIALS_DIRECTORY: then that one, because the original need not be readable.
     std::string resolveSecret(const std::string& path) const;
-    /// The same for the path inside an `lmdb:PATH` store URL; other URLs stay as they are.
+    /// The same for the path inside an `lmdb:PATH` store URL, and for the files that a `postgresql://…` URL names.
     std::string resolveUrl(const std::string& url) const;
 };
 

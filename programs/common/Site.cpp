@@ -60,7 +60,8 @@ std::string Site::keyFile(const AuthorityKey& key) const {
     return key.file.empty() ? folder_ + "/authority.key" : key.file;
 }
 
-void Site::create(const std::string& host, const AuthorityKey& key, const std::string& state) const {
+void Site::create(const std::string& host, const AuthorityKey& key, const std::string& state,
+                  const std::string& store) const {
     const std::string passphrase = passphraseOf(key);
     if (std::filesystem::exists(keyFile(key)) && !key.file.empty())
         throw Failure(exitCannotCreate, key.file + ": exists, an authority's key is never replaced");
@@ -73,18 +74,18 @@ void Site::create(const std::string& host, const AuthorityKey& key, const std::s
     if (!SiteKey::create(siteKey(), error))
         throw Failure(exitCannotCreate, error);
     issueServer(*authority, host);
-    writeConfiguration(host, state);
+    writeConfiguration(host, state, store);
 }
 
-void Site::join(const Site& first, const std::string& host, const AuthorityKey& key,
-                const std::string& state) const {
+void Site::join(const Site& first, const std::string& host, const AuthorityKey& key, const std::string& state,
+                const std::string& store) const {
     requireSite(first);
     const std::unique_ptr<Authority> authority = first.loadAuthority(key);
     makeFolder(state);
     writeNewFile(authorityCertificate(), readTextFile(first.authorityCertificate()));
     writeSecretFile(siteKey(), readTextFile(first.siteKey()));
     issueServer(*authority, host);
-    writeConfiguration(host, state);
+    writeConfiguration(host, state, store);
     // Workstations that are enrolled from now on know both servers.
     const std::string others = first.folder() + "/servers.txt";
     std::string lines = std::filesystem::exists(others) ? readTextFile(others) : std::string();
@@ -105,13 +106,16 @@ void Site::issueServer(Authority& authority, const std::string& host) const {
         throw Failure(exitCannotCreate, error);
 }
 
-void Site::writeConfiguration(const std::string& host, const std::string& state) const {
+void Site::writeConfiguration(const std::string& host, const std::string& state,
+                              const std::string& store) const {
     DaemonConfig config;
     if (!state.empty()) {
         const std::string folder = std::filesystem::absolute(state).lexically_normal().string();
         config.storeUrl = "lmdb:" + folder + "/store";
         config.transferDirectory = folder + "/transfer";
     }
+    if (!store.empty())
+        config.storeUrl = store;
     config.name = host;
     config.listen = std::string(host.find(':') == std::string::npos ? "0.0.0.0" : "[::]") + ':' + usualPort;
     writeNewFile(configuration(), printConfig(config, true));

@@ -29,10 +29,12 @@ class Site {
 
     /// A new site with a server of that name or address. The folder must be new or empty.
     /// `state`: folder of what the server writes, when that is not the site's own; relative to the current one.
-    void create(const std::string& host, const AuthorityKey& key, const std::string& state = {}) const;
+    /// `store`: URL of its store, when that is not an embedded one there.
+    void create(const std::string& host, const AuthorityKey& key, const std::string& state = {},
+                const std::string& store = {}) const;
     /// One more server of the site in `first`, with the same authority and site key.
     void join(const Site& first, const std::string& host, const AuthorityKey& key,
-              const std::string& state = {}) const;
+              const std::string& state = {}, const std::string& store = {}) const;
 
     /// Adds the certificate to the site's revocation list, and names that list in the configuration if none is named yet.
     void revoke(const std::string& certificate, const AuthorityKey& key) const;
@@ -42,7 +44,8 @@ class Site {
     std::vector<std::string> addresses() const;
 
   private:
-    void writeConfiguration(const std::string& host, const std::string& state) const;
+    void writeConfiguration(const std::string& host, const std::string& state,
+                            const std::string& store) const;
     void makeFolder(const std::string& state) const;
     std::string keyFile(const AuthorityKey& key) const;
     void issueServer(Authority& authority, const std::string& host) const;

@@ -1,0 +1,135 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <set>
+
+#include "postgres/system/SharedSite.h"
+
+namespace qel::test {
+namespace {
+
+class SharedDatabase : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { server_ = std::make_unique<PostgresServer>(); }
+    static void TearDownTestSuite() { server_.reset(); }
+
+    void SetUp() override {
+        static int number = 0;
+        schema_ = "site" + std::to_string(++number);
+        url_ = server_->storeUrl(schema_);
+    }
+    std::string sql(const std::string& text) {
+        return server_->sql("SET search_path = " + schema_ + "; " + text);
+    }
+    ProcessResult run(std::vector<std::string> arguments) {
+        return audit(folder_.path(), std::move(arguments));
+    }
+    std::vector<std::string> lines() { return exportLines(folder_.path(), url_, "interaction"); }
+    int forward(const Workstation& workstation) {
+        return run({"forward", "--config", workstation.config(), "--once"}).code;
+    }
+
+    static void holdCommits(const std::string& standby) {
+        server_->sql("ALTER SYSTEM SET synchronous_standby_names = '" + standby + "'");
+        server_->sql("SELECT pg_reload_conf()");
+    }
+
+    static std::unique_ptr<PostgresServer> server_;
+    TemporaryFolder folder_;
+    std::string schema_;
+    std::string url_;
+};
+
+std::unique_ptr<PostgresServer> SharedDatabase::server_;
+
+TEST_F(SharedDatabase, EventsTravelFromTheQueueIntoAReport) {
+    SharedDaemon daemon(folder_.path(), "one", url_);
+    ASSERT_TRUE(daemon.start()) << daemon.log();
+    const Workstation anna = enrollFor(folder_.path(), daemon, "anna", {&daemon});
+    record(folder_.path(), anna, 0, 500);
+    ASSERT_EQ(run({"record", "--config", anna.config(), "--log", "audit", "SeriesOpened", "1.2.3"}).code, 0);
+    ASSERT_EQ(forward(anna), 0);
+    EXPECT_EQ(lines().size(), 500U);
+    EXPECT_EQ(daemon.get("/-/ready"), "ready\n\n");
+    const std::string interaction = folder_ / "exported.csv";
+    const std::string trail = folder_ / "audit.csv";
+    ASSERT_EQ(
+        run({"export", "--store", url_, "--log", "audit", "--from", "1971", "--to", "2200", "--out", trail})
+            .code,
+        0);
+    const ProcessResult report =
+        run({"report", "usage", "--interaction", interaction, "--audit", trail, "--out", folder_ / "report"});
+    EXPECT_EQ(report.code, 0) << report.err;
+    daemon.process().signal(SIGTERM);
+    EXPECT_EQ(daemon.process().wait(std::chrono::seconds(30)), 0) << daemon.log();
+}
+
+TEST_F(SharedDatabase, ToolsWorkOnIt) {
+    SharedDaemon daemon(folder_.path(), "one", url_);
+    ASSERT_TRUE(daemon.start()) << daemon.log();
+    const Workstation anna = enrollFor(folder_.path(), daemon, "anna", {&daemon});
+    record(folder_.path(), anna, 0, 300);
+    ASSERT_EQ(forward(anna), 0);
+    const ProcessResult info = run({"store", "info", "--store", url_, "--json"});
+    EXPECT_EQ(info.code, 0) << info.err;
+    EXPECT_NE(info.out.find("\"count\""), std::string::npos);
+    EXPECT_EQ(run({"store", "verify", "--store", url_}).code, 0);
+    const std::string moved = "lmdb:" + (folder_ / "moved");
+    const ProcessResult copied = run({"store", "copy", "--from", url_, "--to", moved});
+    ASSERT_EQ(copied.code, 0) << copied.err;
+    EXPECT_EQ(exportLines(folder_.path(), moved, "interaction").size(), 300U);
+    const ProcessResult pruned =
+        run({"store", "prune", "--store", url_, "--log", "interaction", "--before", "2020"});
+    EXPECT_EQ(pruned.code, 0) << pruned.err;
+    EXPECT_EQ(lines().size(), 300U);
+    EXPECT_EQ(run({"store", "backup", "--store", url_, "--out", folder_ / "backup"}).code, 64);
+}
+
+TEST_F(SharedDatabase, DaemonWithAnotherSiteKeyIsRefused) {
+    SharedDaemon one(folder_.path(), "one", url_);
+    SharedDaemon stranger(folder_.path(), "stranger", url_);
+    ASSERT_TRUE(one.start()) << one.log();
+    EXPECT_FALSE(stranger.start());
+    EXPECT_EQ(stranger.process().wait(std::chrono::seconds(10)), 78);
+    EXPECT_NE(stranger.log().find("belongs to the site key"), std::string::npos) << stranger.log();
+}
+
+TEST_F(SharedDatabase, PasswordAppearsNeitherInLogsNorInListsOfProcesses) {
+    SharedDaemon daemon(folder_.path(), "one", url_);
+    ASSERT_TRUE(daemon.start()) << daemon.log();
+    EXPECT_EQ(daemon.log().find("only for tests"), std::string::npos);
+    const std::string process = "/proc/" + std::to_string(daemon.process().pid());
+    EXPECT_EQ(TemporaryFolder::read(process + "/cmdline").find("only for tests"), std::string::npos);
+    EXPECT_EQ(TemporaryFolder::read(process + "/environ").find("only for tests"), std::string::npos);
+}
+
+// The records are in the database, the acknowledgements never leave: the workstation sends again, to the other daemon. A
+// standby that is not there holds a commit up between its durability and its answer.
+TEST_F(SharedDatabase, RetransmissionToTheOtherDaemonLeavesOneRecord) {
+    SharedDaemon one(folder_.path(), "one", url_);
+    SharedDaemon two(folder_.path(), "two", url_, &one);
+    ASSERT_TRUE(one.start()) << one.log();
+    ASSERT_TRUE(two.start()) << two.log();
+    const Workstation anna = enrollFor(folder_.path(), one, "anna", {&one, &two});
+    record(folder_.path(), anna, 0, 40);
+    const std::string count = "SELECT count(*) FROM qel_items WHERE get_byte(key, 0) <> 2";
+    EXPECT_EQ(sql(count), "0\n");
+    holdCommits("nobody");
+    Process agent({program("qel-audit"), "forward", "--config", anna.config(), "--once"}, folder_.path(),
+                  "agent");
+    ASSERT_TRUE(waitFor([&] {
+        return server_->sql("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'") != "0\n";
+    }));
+    one.process().kill();
+    holdCommits("");
+    ASSERT_TRUE(waitFor([&] { return sql(count) != "0\n"; }));
+    if (agent.wait(std::chrono::seconds(60)) != 0) {
+        EXPECT_EQ(forward(anna), 0) << agent.err();
+    }
+    EXPECT_EQ(lines().size(), 40U);
+    EXPECT_EQ(two.get("/metrics").find("qel_events_retransmitted_total{log=\"interaction\"} 0"),
+              std::string::npos);
+}
+
+}  // namespace
+}  // namespace qel::test
