@@ -5,6 +5,7 @@
 #include "common/Output.h"
 #include "common/Progress.h"
 #include "common/Workstation.h"
+#include "qelCore/logging/Log.h"
 
 namespace qel::programs {
 namespace {
@@ -21,7 +22,7 @@ std::vector<JsonObject> showEvents(const Output& output, const Item& path, std::
         const bool dated = position.trail().decodeElementAsInteger(time);
         const std::string when = dated ? formatUtc(time) : std::string("(no time)");
         const std::string what = writeEventLine(event);
-        output.line("  " + when + ' ' + what);
+        output.line("  " + when + ' ' + logging::escaped(what));
         JsonObject object;
         object.add("time", when);
         object.add("event", what);

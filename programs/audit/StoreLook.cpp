@@ -7,6 +7,7 @@
 #include "common/Progress.h"
 #include "qelCore/StoreTools.h"
 #include "qelCore/String.h"
+#include "qelCore/logging/Log.h"
 
 namespace qel::programs {
 namespace {
@@ -75,7 +76,7 @@ bool printEntry(const Output& output, const Item& position, LogShape shape, cons
     value.setPlain(position.fetch());
     const std::string event = writeEventLine(value);
     if (!output.json()) {
-        output.line(text + ' ' + event);
+        output.line(text + ' ' + logging::escaped(event));
         return true;
     }
     JsonObject object;

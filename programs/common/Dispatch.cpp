@@ -6,6 +6,7 @@
 #include "common/Failure.h"
 #include "common/HelpText.h"
 #include "common/Nearest.h"
+#include "qelCore/logging/Log.h"
 
 namespace qel::programs {
 namespace {
@@ -21,13 +22,13 @@ int runGuarded(const Command& command, CommandLine& line) {
     try {
         return command.run(line);
     } catch (const Failure& failure) {
-        std::fprintf(stderr, "%s: %s\n", line.name().c_str(), failure.what());
+        std::fprintf(stderr, "%s: %s\n", line.name().c_str(), logging::escaped(failure.what()).c_str());
         return failure.code();
     } catch (const std::bad_alloc&) {
         std::fprintf(stderr, "%s: out of memory\n", line.name().c_str());
         return exitTemporary;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", line.name().c_str(), error.what());
+        std::fprintf(stderr, "%s: %s\n", line.name().c_str(), logging::escaped(error.what()).c_str());
         return exitInputOutput;
     }
 }

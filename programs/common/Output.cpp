@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "common/Failure.h"
+#include "qelCore/logging/Log.h"
 
 namespace qel::programs {
 
@@ -13,7 +14,8 @@ void Output::message(const std::string& sentence) const {
 }
 
 void Output::warning(const std::string& sentence) const {
-    std::fprintf(stderr, "%s: %s\n", command_.c_str(), sentence.c_str());
+    // Sentences may quote names and reasons from outside, which must neither forge lines nor steer a terminal.
+    std::fprintf(stderr, "%s: %s\n", command_.c_str(), logging::escaped(sentence).c_str());
 }
 
 void Output::line(const std::string& text) const {

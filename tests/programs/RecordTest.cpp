@@ -94,6 +94,17 @@ TEST_F(RecordTest, OptionsThatDoNotGoTogetherAreUsageErrors) {
     EXPECT_EQ(audit({"record", "--config", file, "--log", "other", "A"}).code, 64);
 }
 
+TEST_F(RecordTest, TextsFromOutsideNeverSteerTheTerminal) {
+    ASSERT_EQ(record("anna", "[\"A\",\"\\u202e\\u009b31m\\u001b[2J\\\\x\"]\n").code, 0);
+    const std::string text = shown();
+    for (const char* raw : {"\u202e", "\u009b", "\x1b"})
+        EXPECT_EQ(text.find(raw), std::string::npos) << text;
+    const test::ProgramResult refused =
+        audit({"record", "--config", folder_ / "\x1b[2Jno", "--log", "audit", "A"});
+    EXPECT_EQ(refused.code, 66);
+    EXPECT_EQ(refused.err.find('\x1b'), std::string::npos) << refused.err;
+}
+
 TEST_F(RecordTest, ResultThatCannotBeWrittenIsNoSuccess) {
     record("anna", "[\"A\"]\n");
     const test::ProgramResult result =
