@@ -121,7 +121,8 @@ TEST(LogLine, TimeIsReadAsGermanLocalTime) {
 }
 
 TEST(LogLine, FieldsEndAtTheirFirstZeroByte) {
-    const LogLine line(String("3/7/2021 1:1:1;an\0na;W\0S;E\0;p\0q;r", 35));
+    using namespace std::string_literals;
+    const LogLine line(String("3/7/2021 1:1:1;an\0na;W\0S;E\0;p\0q;r"s));
     EXPECT_EQ(line.user, "an");
     EXPECT_EQ(line.device, "W");
     EXPECT_EQ(line.event, "E");
