@@ -18,12 +18,12 @@ using namespace tls;
 namespace {
 
 constexpr long long microsecondsPerDay = 86'400'000'000LL;
-constexpr long long authorityDays = 20 * 365;
+constexpr long long authorityDays = 20LL * 365;
 // Long enough that nobody renews by hand every year, short enough that platforms which cap lifetimes accept
 // it.
 constexpr long long leafDays = 825;
 // A list that ran out is honoured all the same, so its end only tells other tools when to look for a new one.
-constexpr long long listDays = 10 * 365;
+constexpr long long listDays = 10LL * 365;
 constexpr std::size_t longestName = 64;  // of a common name, by X.520
 
 Validity fill(Validity validity, long long days) {
