@@ -30,7 +30,7 @@ void AuditExport::exportCSV(const char* path, const Item& log, long long startTi
     while (range.next()) {
         line.begin(range.time());
         // Read where it lies: the bytes stay until the next step of the walk.
-        line.addFields(Item::Iterator(range.position().fetch()));
+        line.addFields(Item::Iterator(range.value()));
         line.end();
         put(file, line.text());
     }
@@ -44,10 +44,9 @@ Item AuditExport::getLines(const Item& log, long long startTimeInclusive, long l
     LogRange range = LogRange::excluding(log, startTimeInclusive, endTimeExclusive);
     Item value;
     while (range.next()) {
-        const ConstByteSpan stored = range.position().fetch();
-        if (stored.isNull())
+        if (range.value().isNull())
             continue;
-        value.setPlain(stored.data(), stored.size());
+        value.setPlain(range.value());
         Item line = range.position().trail();
         line.concatItem(value);
         lines.addItem(line);

@@ -21,13 +21,6 @@ long long secondOf(long long time) {
 
 CsvLine::CsvLine() : timeSecond_(std::numeric_limits<long long>::min()) {}
 
-/// Room for that many bytes behind the line so far.
-char* CsvLine::reserve(std::size_t bytes) {
-    if (buffer_.size() - size_ < bytes)
-        buffer_.resize((size_ + bytes) * 2);
-    return buffer_.data() + size_;
-}
-
 void CsvLine::begin(long long time) {
     size_ = 0;
     fields_ = 0;

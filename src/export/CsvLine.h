@@ -35,7 +35,12 @@ class CsvLine {
     std::string_view text() const { return {buffer_.data(), size_}; }
 
   private:
-    char* reserve(std::size_t bytes);
+    /// Room for that many bytes behind the line so far.
+    char* reserve(std::size_t bytes) {
+        if (buffer_.size() - size_ < bytes)
+            buffer_.resize((size_ + bytes) * 2);
+        return buffer_.data() + size_;
+    }
     void addTime(long long time);
 
     // Only its first `size_` bytes count: it never shrinks, so that growing it is rare and clears nothing.

@@ -43,7 +43,7 @@ LogRange LogRange::excluding(const Item& log, long long startTime, long long end
 }
 
 bool LogRange::next() {
-    return !empty_ && position_.next() && Item::compare(position_, stop_) < 0;
+    return !empty_ && position_.next(value_) && Item::compare(position_, stop_) < 0;
 }
 
 long long LogRange::time() const {

@@ -21,6 +21,9 @@ class LogRange {
     /// Where the walk stands: the key of the entry.
     const Item& position() const { return position_; }
 
+    /// The value stored there; null when there is none. Valid until the next store operation of this thread.
+    ConstByteSpan value() const { return value_; }
+
     /// The time in that key; 0 when it does not hold one.
     long long time() const;
 
@@ -29,6 +32,7 @@ class LogRange {
 
     Item position_;
     Item stop_;
+    ConstByteSpan value_;
     std::size_t pathSize_;
     bool empty_;
 };

@@ -52,6 +52,7 @@ class QELCORE_EXPORT ItemStore {
 
     bool child(const Item& parent, Item& out);
     bool next(Item& position);
+    bool next(Item& position, ConstByteSpan& value);
     bool prev(Item& position);
     ConstByteSpan fetch(const Item& key);
     /// As `Item::store`; false when the write was refused or, outside a batch and with durability `commit`,

@@ -150,6 +150,15 @@ bool Item::Iterator::decodeElementAsBytes(Item& value) {
 }
 
 bool Item::Iterator::convertAsText(std::string_view& text, std::string& scratch) {
+    // Most elements are texts, and hardly any holds a byte that had to be escaped.
+    if (at_ != end_ && *at_ == codec::text) {
+        const unsigned char* const mark = codec::firstMark(at_ + 1, end_);
+        if (mark != end_ && *mark == codec::endMark) {
+            text = viewOf(at_ + 1, mark);
+            at_ = mark + 1;
+            return true;
+        }
+    }
     const unsigned char* const after = codec::elementEnd(at_, end_);
     if (after == nullptr || !elementText(at_, after, text, scratch))
         return false;

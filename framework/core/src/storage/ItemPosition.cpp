@@ -23,6 +23,11 @@ bool Item::next() {
     return store != nullptr && store->next(*this);
 }
 
+bool Item::next(ConstByteSpan& value) {
+    ItemStore* const store = ItemStore::current();
+    return store != nullptr && store->next(*this, value);
+}
+
 bool Item::prev() {
     ItemStore* const store = ItemStore::current();
     return store != nullptr && store->prev(*this);

@@ -123,6 +123,17 @@ bool ItemStore::next(Item& position) {
     return core_->read([&](StoreReader& reader) { return ItemNavigation::next(reader, position); });
 }
 
+bool ItemStore::next(Item& position, ConstByteSpan& value) {
+    return core_->read([&](StoreReader& reader) {
+        if (!ItemNavigation::next(reader, position))
+            return false;
+        // A place that exists only through what lies below it has no value.
+        value = reader.key().size() == position.size() ? keep(core_->thread().fetched, reader.value())
+                                                       : ConstByteSpan();
+        return true;
+    });
+}
+
 bool ItemStore::prev(Item& position) {
     return core_->read([&](StoreReader& reader) { return ItemNavigation::prev(reader, position); });
 }
