@@ -6,12 +6,12 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
 #include "qelCore/StoreOptions.h"
 #include "storage/Engine.h"
+#include "storage/WriterFirstMutex.h"
 
 namespace qel::storage {
 
@@ -71,7 +71,7 @@ class Overlay {
     };
     using Map = std::map<Bytes, Entry>;
 
-    mutable std::shared_mutex mutex;
+    mutable WriterFirstMutex mutex;
 
     /// Without locking: false only when everything written before by this thread is in the engine's newest snapshot.
     bool isEmpty() const { return count_.load(std::memory_order_acquire) == 0; }

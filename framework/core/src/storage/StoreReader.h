@@ -15,19 +15,19 @@ class StoreReader {
     /// A `fetch` may follow a move in the move's snapshot, when this process changed nothing in between.
     enum class Use { move, fetch };
 
-    /// Takes the thread's cursor and, when anything is pending, the overlay, for the object's lifetime.
-    StoreReader(Engine& engine, const Overlay& overlay, ThreadState& state, Use use, bool& snapshotTaken) {
+    /// Takes the thread's cursor for the object's lifetime, and the overlay from the first operation on that has to look
+    /// into it.
+    StoreReader(Engine& engine, const Overlay& overlay, ThreadState& state, Use use, bool& snapshotTaken)
+        : engine_(engine), overlay_(overlay), state_(state), somePending_(!overlay.isEmpty()) {
         if (state.cursor == nullptr)
             state.cursor = engine.makeCursor();
         cursor_ = state.cursor.get();
-        const std::uint64_t generation = overlay.generation();
-        const bool follows = use == Use::fetch && state.movedAt == generation;
-        state.movedAt = use == Use::move ? generation : 0;
         // First the overlay, then the snapshot: what leaves the overlay meanwhile is in the snapshot.
-        if (!overlay.isEmpty()) {
-            overlayLock_ = std::shared_lock(overlay.mutex);
-            pending_ = &overlay.entries();
-        }
+        generation_ = overlay.generation();
+        const bool follows = use == Use::fetch && state.movedAt == generation_;
+        state.movedAt = use == Use::move ? generation_ : 0;
+        if (somePending_ && state.nearPending)
+            lockOverlay();
         cursor_->lock.lock();
         const bool wasLive = cursor_->isLive();
         ready_ = !cursor_->closed &&
@@ -53,13 +53,29 @@ class StoreReader {
 
   private:
     bool refreshAgain(Engine& engine);
+    bool engineAtLeast(Bytes key);
+    bool engineBehind(Bytes key);
+    bool engineBefore(Bytes key);
+    void lockOverlay();
+    /// Locks the overlay and takes a newer snapshot: what has left the overlay is in it. False when it is locked already.
+    bool lockPending();
+    /// Learns the gap around `key`, unless it is known.
+    void findGap(Bytes key);
+    bool isInGap(Bytes key) const;
+    /// The end of an operation that had to look: whether the next one will have to.
+    bool settle(bool result, Overlay::Map::const_iterator pending);
     bool mergeForward(bool inEngine, Overlay::Map::const_iterator pending);
     bool mergeBackward(bool inEngine, Overlay::Map::const_iterator pending);
     bool found(Bytes key, Bytes value);
 
+    Engine& engine_;
+    const Overlay& overlay_;
+    ThreadState& state_;
+    const bool somePending_;
+    std::uint64_t generation_ = 0;
     EngineCursor* cursor_ = nullptr;
     const Overlay::Map* pending_ = nullptr;
-    std::shared_lock<std::shared_mutex> overlayLock_;
+    std::shared_lock<WriterFirstMutex> overlayLock_;
     Bytes key_;
     Bytes value_;
     bool ready_ = false;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "storage/Engine.h"
@@ -13,10 +14,24 @@ namespace qel::storage {
 /// What one thread has in one store: its place in a snapshot, the value it fetched last, its open write batch, and what
 /// became of its writes.
 struct ThreadState {
+    /// Keys between which nothing was pending when the overlay had that generation; an end that is not there has no
+    /// limit. While nothing changes, a walk between them need not lock the overlay, and a thread that walks may lose its
+    /// processor at any moment, with all writers waiting for what it holds.
+    struct Gap {
+        std::uint64_t generation = 0;
+        std::string low;
+        std::string high;
+        bool hasLow = false;
+        bool hasHigh = false;
+    };
+
     ~ThreadState();
 
     std::shared_ptr<EngineCursor> cursor;
     std::vector<unsigned char> fetched;
+    Gap gap;
+    // The last read went among what is pending, and so will the next: it locks the overlay at once.
+    bool nearPending = false;
     // The overlay's generation at the last move, until something else is read; 0 then.
     std::uint64_t movedAt = 0;
 
