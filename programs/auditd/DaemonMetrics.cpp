@@ -59,7 +59,13 @@ void addStore(MetricsText& text, ItemStore& store) {
                asDouble(figures.pendingBytes));
     text.gauge("qel_commit_running_seconds", "How long the present commit has been running, 0 when none is",
                asDouble(figures.commitRunningMicroseconds) * microseconds);
-    const StoreSpace space = store.space();
+    text.gauge("qel_store_reachable", "1 while the store can be reached, 0 while its database cannot",
+               figures.reachable ? 1 : 0);
+    text.counter("qel_store_reopened_total",
+                 "Times that the store or a connection to it was lost and made anew",
+                 asDouble(figures.reopened));
+    // A database that is away is not waited for.
+    const StoreSpace space = figures.reachable ? store.space() : StoreSpace();
     text.gauge("qel_store_used_bytes", "Bytes of the store in use", asDouble(space.usedBytes));
     text.gauge("qel_store_disk_free_bytes", "Bytes free on its file system", asDouble(space.diskFreeBytes));
 }

@@ -74,8 +74,11 @@ struct StoreStatistics {
     std::uint64_t commitThreadTurns = 0;
     /// How long the present commit has been running, in microseconds; 0 when none is.
     std::uint64_t commitRunningMicroseconds = 0;
+    /// Times that a connection to the store, or the store as a whole, was lost and made anew.
     std::uint64_t reopened = 0;
     std::uint64_t mapGrown = 0;
+    /// False while the database that holds the store cannot be reached.
+    bool reachable = true;
 };
 
 /// One log of the store by name: where it lies, and what kind it is.

@@ -129,6 +129,8 @@ class Engine {
     std::atomic<std::uint64_t> readFaults{0};
     std::atomic<std::uint64_t> reopened{0};
     std::atomic<std::uint64_t> mapGrown{0};
+    /// The last try to reach the database was in vain.
+    std::atomic<bool> unreachable{false};
 };
 
 }  // namespace qel::storage

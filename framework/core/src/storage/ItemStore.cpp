@@ -268,6 +268,7 @@ StoreStatistics ItemStore::statistics() const {
     out.refusedWrites = core_->refused;
     out.reopened = core_->engine().reopened;
     out.mapGrown = core_->engine().mapGrown;
+    out.reachable = !core_->engine().unreachable;
     return out;
 }
 

@@ -195,7 +195,8 @@ bool PostgresEngine::readPage(PostgresPage& page, const std::string& bound, std:
 }
 
 PostgresEngine::Clock::time_point PostgresEngine::deadline() const {
-    const unsigned patience = unreachable_ ? 0 : options_.patienceMilliseconds;
+    // After a try in vain the next one is not repeated.
+    const unsigned patience = unreachable ? 0 : options_.patienceMilliseconds;
     return Clock::now() + std::chrono::milliseconds(patience);
 }
 
@@ -209,7 +210,7 @@ bool PostgresEngine::waitForNext(Clock::time_point end, unsigned tries) const {
 }
 
 void PostgresEngine::note(bool reached, const PostgresError& error) {
-    if (unreachable_.exchange(!reached) == !reached)
+    if (unreachable.exchange(!reached) == !reached)
         return;
     if (reached)
         logging::MessageStream(1, 2) << settings_.place() << " is reached again";

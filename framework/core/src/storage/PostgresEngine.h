@@ -86,8 +86,6 @@ class PostgresEngine final : public Engine {
     std::mutex writing_;
     std::vector<PostgresWriter> writers_;
     bool hadWriters_ = false;
-    // The last try to reach the database was in vain: the next one is not repeated.
-    std::atomic<bool> unreachable_{false};
 
     std::mutex readersMutex_;
     std::vector<std::unique_ptr<PostgresConnection>> readers_;
