@@ -86,9 +86,12 @@ const unsigned char* longElementEnd(const unsigned char* at, const unsigned char
     if (code == nested) {
         if (depth >= Item::maxDepth)
             return nullptr;
-        while (at != nullptr && at != end && *at != endMark)
+        while (at != end && *at != endMark) {
             at = elementEnd(at, end, depth + 1);
-        return at == nullptr || at == end ? nullptr : at + 1;
+            if (at == nullptr)
+                return nullptr;
+        }
+        return at == end ? nullptr : at + 1;
     }
     return code == boolFalse || code == boolTrue ? at : nullptr;
 }

@@ -34,7 +34,7 @@ Refreshed LmdbCursor::refresh() {
     if (live_) {
         MDB_envinfo info;
         mdb_env_info(engine_.environment(), &info);
-        if (info.me_last_txnid == mdb_txn_id(transaction_))
+        if (info.me_last_txnid == snapshot_)
             return Refreshed::ok;
         rest();
     }
@@ -63,6 +63,7 @@ bool LmdbCursor::begin(int& error) {
     if (error != 0)
         return false;
     live_ = true;
+    snapshot_ = mdb_txn_id(transaction_);
     error = cursor_ == nullptr ? mdb_cursor_open(transaction_, engine_.database(), &cursor_)
                                : mdb_cursor_renew(transaction_, cursor_);
     if (error == 0)

@@ -32,6 +32,7 @@ class LmdbCursor final : public EngineCursor {
     LmdbEngine& engine_;
     MDB_txn* transaction_ = nullptr;
     MDB_cursor* cursor_ = nullptr;
+    std::size_t snapshot_ = 0;
 };
 
 }  // namespace qel::storage

@@ -23,6 +23,11 @@ class SeekKey {
     std::size_t size_;
 };
 
+// Out of line: its room on the stack would cost every step, and few steps need it.
+[[gnu::noinline]] bool seekPastDescendants(StoreReader& reader, Bytes key) {
+    return reader.atLeast(SeekKey(key, codec::aboveAll).bytes());
+}
+
 bool isBelow(Bytes key, Bytes parent, std::size_t parentSize) {
     return key.size() > parentSize && codec::areEqual(key.data(), parent.data(), parentSize) &&
            static_cast<unsigned char>(key[parentSize]) >= codec::firstCode;
@@ -55,7 +60,7 @@ bool ItemNavigation::next(StoreReader& reader, Item& position) {
     bool found = reader.behind(key);
     // Descendants lie between a key and its sibling.
     if (found && isBelow(reader.key(), key, key.size()))
-        found = reader.atLeast(SeekKey(key, codec::aboveAll).bytes());
+        found = seekPastDescendants(reader, key);
     return found && isBelow(reader.key(), key, parent) && moveTo(position, reader.key(), parent);
 }
 
