@@ -315,3 +315,27 @@ TEST(Postgres, EntriesMoveBetweenTheEngines) {
     EXPECT_EQ(outcome.entries, 300U);
     EXPECT_EQ(valueAt(*back, key(path("log"), 299)), encoded("299"));
 }
+
+TEST(Postgres, TheDaemonNeedsNoRightToRemove) {
+    logging::CaptureSink log;
+    PostgresServer& server = sharedServer();
+    std::string url = server.storeUrl("least");
+    server.runFile(QEL_SOURCE_DIR "/packaging/postgresql/schema.sql", "least");
+    server.sql(
+        "GRANT USAGE ON SCHEMA least TO qel_daemon, qel_prune; ALTER ROLE qel_daemon PASSWORD 'only for "
+        "tests'; ALTER ROLE qel_prune PASSWORD 'only for tests'");
+    const auto as = [url](const std::string& role) {
+        std::string out = url;
+        return out.replace(out.find("qel@"), 3, role);
+    };
+    const auto daemon = openStore(as("qel_daemon"));
+    std::string reason;
+    EXPECT_TRUE(daemon->bindSiteKey("aa", reason)) << reason;
+    EXPECT_TRUE(daemon->store(path("key"), text("one").bytes()));
+    EXPECT_TRUE(daemon->store(path("key"), text("two").bytes()));
+    EXPECT_FALSE(daemon->remove(path("key")));
+    EXPECT_TRUE(has(daemon->flushThread().reason, "permission denied for table qel_items"));
+    EXPECT_EQ(valueAt(*daemon, path("key")), encoded("two"));
+    const auto pruner = openStore(as("qel_prune"));
+    EXPECT_TRUE(pruner->remove(path("key")));
+}

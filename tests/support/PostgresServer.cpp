@@ -180,15 +180,37 @@ void PostgresServer::promote() {
     run(asServer({binary("pg_ctl"), "promote", "-w", "-D", data_}));
 }
 
-std::string PostgresServer::sql(const std::string& text) const {
-    const ProcessResult result =
-        runProgram({"/usr/bin/env", std::string("PGPASSWORD=") + password, binary("psql"), "-X", "-q", "-t",
-                    "-A", "-v", "ON_ERROR_STOP=1", "-h", "127.0.0.1", "-p", std::to_string(port_), "-U",
-                    superuser, "-d", "postgres", "-c", text},
-                   folder_.path());
+std::string PostgresServer::psql(const std::vector<std::string>& more) const {
+    std::vector<std::string> arguments{"/usr/bin/env",
+                                       std::string("PGPASSWORD=") + password,
+                                       binary("psql"),
+                                       "-X",
+                                       "-q",
+                                       "-t",
+                                       "-A",
+                                       "-v",
+                                       "ON_ERROR_STOP=1",
+                                       "-h",
+                                       "127.0.0.1",
+                                       "-p",
+                                       std::to_string(port_),
+                                       "-U",
+                                       superuser,
+                                       "-d",
+                                       "postgres"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    const ProcessResult result = runProgram(arguments, folder_.path());
     if (result.code != 0)
-        throw std::runtime_error(text + ": " + result.err);
+        throw std::runtime_error(more.back() + ": " + result.err);
     return result.out;
+}
+
+std::string PostgresServer::sql(const std::string& text) const {
+    return psql({"-c", text});
+}
+
+void PostgresServer::runFile(const std::string& file, const std::string& schema) const {
+    psql({"-c", "SET search_path = " + schema, "-f", file});
 }
 
 std::string PostgresServer::storeUrl(const std::string& schema) {

@@ -32,6 +32,8 @@ class PostgresServer {
 
     /// Runs SQL as the superuser; what it printed, one line per row. Throws when it fails.
     std::string sql(const std::string& text) const;
+    /// Runs a file of SQL in the schema, as an administrator would.
+    void runFile(const std::string& file, const std::string& schema) const;
     /// kill -9 to the server and all its processes, and waits.
     void kill();
     /// Starts again after `kill`, or with other settings.
@@ -44,6 +46,7 @@ class PostgresServer {
   private:
     struct Copied {};
     PostgresServer(Copied, PostgresServer& primary);
+    std::string psql(const std::vector<std::string>& more) const;
     void makeCertificate();
     void initialise(const std::vector<std::string>& settings);
     void own(const std::string& path) const;
