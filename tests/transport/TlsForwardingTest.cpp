@@ -32,9 +32,11 @@ class Forwarder {
     Forwarder(const Forwarder&) = delete;
     Forwarder& operator=(const Forwarder&) = delete;
     ~Forwarder() {
-        const std::lock_guard lock(mutex_);
-        query_.reset();
-        client_.reset();
+        // Destroying the query waits for a callback of it, which may be waiting for the mutex: so not under it.
+        std::unique_lock lock(mutex_);
+        const std::unique_ptr<AuditClient> client = std::move(client_);
+        const std::unique_ptr<AuditClient::AuditQuery> query = std::move(query_);
+        lock.unlock();
     }
 
     void wake() {

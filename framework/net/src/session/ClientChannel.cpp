@@ -11,13 +11,33 @@ ClientChannel::ClientChannel(std::shared_ptr<Executor> executor, std::string ser
                              ChannelListener& listener)
     : executor_(std::move(executor)), service_(std::move(service)), type_(type), listener_(&listener) {}
 
+struct ClientChannel::CallEnd {
+    std::shared_ptr<ClientChannel> channel;
+    ~CallEnd() { channel->endCall(); }
+};
+
+ChannelListener* ClientChannel::beginCall() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (listener_) {
+        ++calls_;
+        caller_ = std::this_thread::get_id();
+    }
+    return listener_;
+}
+
+void ClientChannel::endCall() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (--calls_ == 0)
+        callEnded_.notify_all();
+}
+
 template <class Call>
 auto ClientChannel::tell(Call call) -> decltype(call(std::declval<ChannelListener&>())) {
-    const auto self = shared_from_this();
-    const std::lock_guard<std::recursive_mutex> lock(mutex_);
-    if (listener_)
-        return call(*listener_);
-    return decltype(call(std::declval<ChannelListener&>()))();
+    ChannelListener* const listener = beginCall();
+    if (!listener)
+        return decltype(call(std::declval<ChannelListener&>()))();
+    const CallEnd end{shared_from_this()};
+    return call(*listener);
 }
 
 bool ClientChannel::send(Packet& packet) {
@@ -59,8 +79,9 @@ void ClientChannel::closeHere(const std::string& reason) {
 }
 
 void ClientChannel::forgetListener() {
-    const std::lock_guard<std::recursive_mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     listener_ = nullptr;
+    callEnded_.wait(lock, [this] { return calls_ == 0 || caller_ == std::this_thread::get_id(); });
 }
 
 void ClientChannel::assign(std::weak_ptr<ClientConnection> connection, std::uint32_t id) {

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "qelCore/ConstByteSpan.h"
 #include "session/Channel.h"
@@ -15,8 +17,8 @@ namespace qel {
 
 class ClientConnection;
 
-/// The client's end of one session. Its query may be destroyed on any thread: calls to the listener are made under a
-/// lock, so that forgetting it waits for the one under way.
+/// The client's end of one session. Its query may be destroyed on any thread: forgetting the listener waits for a call
+/// that is under way on another one. No lock is held during the call, so that the host's own locks cannot meet it.
 class ClientChannel : public Channel, public std::enable_shared_from_this<ClientChannel> {
   public:
     ClientChannel(std::shared_ptr<Executor> executor, std::string service, short type,
@@ -46,6 +48,9 @@ class ClientChannel : public Channel, public std::enable_shared_from_this<Client
 
   private:
     enum class State { waiting, opening, open, closed };
+    struct CallEnd;
+    ChannelListener* beginCall();
+    void endCall();
     template <class Call>
     auto tell(Call call) -> decltype(call(std::declval<ChannelListener&>()));
     bool sendHere(ConstByteSpan packet);
@@ -54,8 +59,11 @@ class ClientChannel : public Channel, public std::enable_shared_from_this<Client
     std::shared_ptr<Executor> executor_;
     std::string service_;
     short type_;
-    std::recursive_mutex mutex_;
+    std::mutex mutex_;
+    std::condition_variable callEnded_;
     ChannelListener* listener_;
+    int calls_ = 0;  // under way, one inside the other, on caller_
+    std::thread::id caller_;
     std::atomic<State> state_{State::waiting};
     std::weak_ptr<ClientConnection> connection_;
     std::uint32_t id_ = 0;
