@@ -41,7 +41,11 @@ Site::Site() : port_(freePort()) {
     setKey(config(), "listen", "\"" + address() + "\"");
 }
 
-Site::~Site() = default;
+Site::~Site() {
+    // A tracer that is killed would leave the daemon running.
+    if (daemon_ && daemon_->isRunning())
+        ::kill(daemonPid(), SIGKILL);
+}
 
 Workstation Site::enroll(const std::string& user, const std::string& device) {
     const Workstation made{folder_ / (user + "@" + device)};
@@ -66,14 +70,15 @@ void Site::killDaemon() {
     daemon_->kill();
 }
 
-int Site::stopDaemon() {
-    // Under a tracer the daemon is the tracer's child.
+pid_t Site::daemonPid() const {
     const std::string parent = std::to_string(daemon_->pid());
     const std::string child = TemporaryFolder::read("/proc/" + parent + "/task/" + parent + "/children");
-    if (child.empty())
-        daemon_->signal(SIGTERM);
-    else
-        ::kill(std::stoi(child), SIGTERM);
+    return child.empty() ? daemon_->pid() : std::stoi(child);
+}
+
+int Site::stopDaemon() {
+    if (daemon_->isRunning())
+        ::kill(daemonPid(), SIGTERM);
     return daemon_->wait(std::chrono::seconds(30));
 }
 

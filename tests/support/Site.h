@@ -54,6 +54,9 @@ class Site {
     std::vector<std::string> exportedLines(const std::string& log) const;
 
   private:
+    /// Under a tracer the daemon is the tracer's child.
+    pid_t daemonPid() const;
+
     TemporaryFolder folder_;
     int port_;
     int starts_ = 0;
