@@ -244,6 +244,33 @@ TEST(Postgres, DaemonsThatWriteTheSameKeysNeitherFailNorBlock) {
     EXPECT_EQ(StoreTools::verify(*third, {}).entries, 300U);
 }
 
+// Batches whose every key is written again leave empty places among the connections.
+TEST(Postgres, BatchesThatAreOverwrittenWholeTakeNothingElseAlong) {
+    StoreOptions options;
+    std::string reason;
+    auto engine = storage::PostgresEngine::open(freshUrl(), options, reason);
+    ASSERT_NE(engine, nullptr) << reason;
+    std::vector<std::string> keys;
+    for (int i = 0; i < 100; ++i)
+        keys.push_back("k" + std::to_string(1000 + i));
+    std::vector<std::vector<storage::Write>> batches(6);
+    for (std::size_t batch = 0; batch < batches.size(); ++batch)
+        for (const std::string& key : keys)
+            batches[batch].push_back({key, batch + 1 == batches.size() ? "last" : "older", false});
+    std::vector<const std::vector<storage::Write>*> all;
+    for (const auto& batch : batches)
+        all.push_back(&batch);
+    ASSERT_TRUE(engine->commit(all).durable);
+    const auto cursor = engine->makeCursor();
+    ASSERT_EQ(cursor->refresh(), storage::Refreshed::ok);
+    ASSERT_TRUE(cursor->seek("k"));
+    for (const std::string& key : keys) {
+        ASSERT_EQ(cursor->key(), key);
+        ASSERT_EQ(cursor->value(), "last");
+        cursor->step();
+    }
+}
+
 TEST(Postgres, LastWriteOfAKeyWinsOverManyConnections) {
     const auto store = openStore(freshUrl());
     std::vector<std::thread> threads;

@@ -78,6 +78,8 @@ class EngineCursor {
     virtual bool seek(Bytes key) = 0;
     /// To the last key less than `key`.
     virtual bool seekBefore(Bytes key) = 0;
+    /// To exactly this key; false when it does not exist, and then the position is anywhere.
+    virtual bool find(Bytes key) { return seek(key) && key_ == key; }
     /// From a position that the last operation found: to the neighbour.
     virtual bool step() = 0;
     virtual bool stepBack() = 0;

@@ -50,6 +50,8 @@ std::vector<PostgresEngine::Part> PostgresEngine::divide(const Batches& batches)
             if (last.at(write.key) == number++)
                 parts.back().writes.push_back(&write);
     }
+    // Where every write of a part is made again by a later one, nothing is left of it.
+    std::erase_if(parts, [](const Part& part) { return part.writes.empty(); });
     for (Part& part : parts)
         std::sort(part.writes.begin(), part.writes.end(),
                   [](const Write* a, const Write* b) { return a->key < b->key; });
@@ -93,8 +95,11 @@ CommitResult PostgresEngine::commit(const Batches& batches) {
     std::string record;
     long long mark = 0;
     const bool isMarkDue = UniqueClock::dueMark(clock_, record, mark);
-    if (parts.front().writes.empty() && !isMarkDue)
+    if (parts.empty() && !isMarkDue)
         return {};
+    // The mark alone.
+    if (parts.empty())
+        parts.emplace_back();
     const Clock::time_point end = deadline();
     PostgresError error;
     for (unsigned tries = 0;; ++tries) {
