@@ -33,7 +33,8 @@ TEST(Crc32c, VectorsOfRfc3720) {
 TEST(Crc32c, ResultAsSeedContinuesTheRegister) {
     const std::string_view digits = "123456789";
     const auto* data = reinterpret_cast<const unsigned char*>(digits.data());
-    EXPECT_EQ(util::crc32c(util::crc32c(0xFFFFFFFFU, data, 4), data + 4, 5), util::crc32c(0xFFFFFFFFU, data, 9));
+    EXPECT_EQ(util::crc32c(util::crc32c(0xFFFFFFFFU, data, 4), data + 4, 5),
+              util::crc32c(0xFFFFFFFFU, data, 9));
 }
 
 TEST(Crc32c, NoInversionInside) {
