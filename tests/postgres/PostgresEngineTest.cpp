@@ -181,6 +181,41 @@ TEST(Postgres, AWalkReadsAheadInGrowingPages) {
     EXPECT_LT(engine->pagesRead - before, 100U);
 }
 
+// The daemon asks for every event it receives whether it is there already.
+TEST(Postgres, AskingForNewKeysWhileWritingThemCostsFewRoundTrips) {
+    StoreOptions options;
+    std::string reason;
+    auto engine = storage::PostgresEngine::open(freshUrl(), options, reason);
+    ASSERT_NE(engine, nullptr) << reason;
+    const auto cursor = engine->makeCursor();
+    const auto ask = [&](const std::string& key) {
+        EXPECT_EQ(cursor->refresh(), storage::Refreshed::ok);
+        return cursor->find(key);
+    };
+    // At the end of the log, then between entries of others.
+    for (const char* const end : {"1", "2"}) {
+        const std::uint64_t before = engine->pagesRead;
+        const auto start = std::chrono::steady_clock::now();
+        for (int burst = 0; burst < 40; ++burst) {
+            std::vector<std::string> keys;
+            for (int i = 0; i < 50; ++i)
+                keys.push_back("k" + std::to_string(100000 + burst * 50 + i) + end);
+            std::vector<storage::Write> writes;
+            for (const std::string& key : keys) {
+                EXPECT_FALSE(ask(key));
+                writes.push_back({key, "value", false});
+            }
+            ASSERT_TRUE(engine->commit({&writes}).durable);
+            EXPECT_TRUE(ask(keys.back()));
+            EXPECT_EQ(cursor->value(), "value");
+        }
+        // A page for each question about what was just written, a few more for what grew old meanwhile.
+        const auto took = std::chrono::steady_clock::now() - start;
+        const auto aged = static_cast<std::uint64_t>(took / storage::PostgresCursor::maxAge);
+        EXPECT_LT(engine->pagesRead - before, 40U + 40U * 4 + 2 * aged);
+    }
+}
+
 TEST(Postgres, LargeValuesAheadDoNotFillTheMemory) {
     const auto store = openStore(freshUrl());
     const Item log = path("log");

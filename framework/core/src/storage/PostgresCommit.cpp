@@ -152,18 +152,17 @@ void PostgresEngine::remember(const std::vector<Part>& parts) {
     commitCount_.store(recent_.back().number, std::memory_order_release);
 }
 
-bool PostgresEngine::hasChanged(PostgresPage& page) const {
+void PostgresEngine::tellWritten(PostgresPage& page) const {
     if (page.commits == commitCount())
-        return false;
+        return;
     const std::lock_guard guard(recentMutex_);
     for (auto commit = recent_.rbegin(); commit != recent_.rend() && commit->number > page.commits;
          ++commit) {
-        const auto at = std::lower_bound(commit->keys.begin(), commit->keys.end(), page.low());
-        if (at != commit->keys.end() && (page.isEndless() || *at < page.high()))
-            return true;
+        auto at = std::lower_bound(commit->keys.begin(), commit->keys.end(), page.low());
+        for (; at != commit->keys.end() && (page.isEndless() || *at < page.high()); ++at)
+            page.noteWritten(*at);
     }
-    page.commits = commitCount();
-    return false;
+    page.commits = recent_.empty() ? page.commits : recent_.back().number;
 }
 
 }  // namespace qel::storage

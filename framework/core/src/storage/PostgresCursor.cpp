@@ -19,16 +19,24 @@ constexpr std::size_t pageBytes = std::size_t{4} << 20;
 
 Refreshed PostgresCursor::refresh() {
     touched.store(true, std::memory_order_relaxed);
-    if (live_ && PostgresPage::Clock::now() - page_.readAt <= maxAge && !engine_.hasChanged(page_))
+    if (live_ && PostgresPage::Clock::now() - page_.readAt <= maxAge) {
+        engine_.tellWritten(page_);
+        if (positioned_ && page_.wasWritten(key_))
+            forget();
         return Refreshed::ok;
+    }
+    forget();
+    live_ = true;
+    return Refreshed::ok;
+}
+
+void PostgresCursor::forget() {
     if (positioned_)
         resumeKey_.assign(key_);
     positioned_ = false;
     page_.clear();
     page_.readAt = PostgresPage::Clock::now();
     page_.commits = engine_.commitCount();
-    live_ = true;
-    return Refreshed::ok;
 }
 
 void PostgresCursor::rest() {
@@ -63,7 +71,7 @@ void PostgresCursor::chooseSize(Bytes key) {
 }
 
 void PostgresCursor::grow() {
-    pageRows_ = std::min(pageRows_ * growth, largestPage);
+    pageRows_ = std::min(std::max(pageRows_, firstPage) * growth, largestPage);
 }
 
 std::size_t PostgresCursor::rowsToRead() const {
@@ -72,6 +80,7 @@ std::size_t PostgresCursor::rowsToRead() const {
 
 bool PostgresCursor::readFrom(Bytes key) {
     const std::string from(key);
+    answers_ = 0;
     if (!engine_.readPage(page_, from, rowsToRead(), true))
         return standNowhere();
     if (page_.size() == 0)
@@ -82,6 +91,7 @@ bool PostgresCursor::readFrom(Bytes key) {
 
 bool PostgresCursor::readBefore(Bytes key) {
     const std::string before(key);
+    answers_ = 0;
     if (!engine_.readPage(page_, before, rowsToRead(), false))
         return standNowhere();
     if (page_.size() == 0)
@@ -90,8 +100,23 @@ bool PostgresCursor::readBefore(Bytes key) {
     return standAt(page_.size() - 1);
 }
 
+bool PostgresCursor::find(Bytes key) {
+    if (page_.knows(key) && !page_.wasWritten(key)) {
+        ++answers_;
+        const std::size_t row = page_.lowerBound(key);
+        return row < page_.size() && page_.key(row) == key ? standAt(row) : standNowhere();
+    }
+    // Questions in ascending order, as a backlog that arrives asks them, want larger pages.
+    const bool ascends = page_.size() != 0 && !page_.knows(key) && page_.low() <= key;
+    if (ascends && answers_ * 2 >= page_.size())
+        grow();
+    else if (!ascends)
+        pageRows_ = firstPage;
+    return readFrom(key) && key_ == key;
+}
+
 bool PostgresCursor::seek(Bytes key) {
-    if (page_.knows(key)) {
+    if (page_.knows(key) && !page_.isStale()) {
         const std::size_t row = page_.lowerBound(key);
         if (row < page_.size())
             return standAt(row);
@@ -103,7 +128,7 @@ bool PostgresCursor::seek(Bytes key) {
 }
 
 bool PostgresCursor::seekBefore(Bytes key) {
-    if (page_.knowsBefore(key)) {
+    if (page_.knowsBefore(key) && !page_.isStale()) {
         const std::size_t row = page_.lowerBound(key);
         if (row > 0)
             return standAt(row - 1);
@@ -115,6 +140,8 @@ bool PostgresCursor::seekBefore(Bytes key) {
 }
 
 bool PostgresCursor::step() {
+    if (page_.isStale())
+        return readFrom(std::string(key_) + '\0');
     if (row_ + 1 < page_.size())
         return standAt(row_ + 1);
     if (page_.isEndless())
@@ -124,6 +151,8 @@ bool PostgresCursor::step() {
 }
 
 bool PostgresCursor::stepBack() {
+    if (page_.isStale())
+        return readBefore(key_);
     if (row_ > 0)
         return standAt(row_ - 1);
     if (page_.isFromStart())

@@ -22,6 +22,9 @@ class PostgresCursor final : public EngineCursor {
     void retire() override;
     bool seek(Bytes key) override;
     bool seekBefore(Bytes key) override;
+    /// Known without a round trip also where this process writes between the keys of the page: receiving events asks for
+    /// each whether it is there already.
+    bool find(Bytes key) override;
     bool step() override;
     bool stepBack() override;
 
@@ -30,6 +33,7 @@ class PostgresCursor final : public EngineCursor {
     bool standNowhere();
     bool readFrom(Bytes key);
     bool readBefore(Bytes key);
+    void forget();
     void chooseSize(Bytes key);
     void grow();
     std::size_t rowsToRead() const;
@@ -40,6 +44,8 @@ class PostgresCursor final : public EngineCursor {
     // Where a walk stood when its page was given up.
     std::string resumeKey_;
     std::size_t pageRows_ = 0;
+    // Questions that the page has answered.
+    std::size_t answers_ = 0;
     std::size_t meanBytes_ = 0;
 };
 

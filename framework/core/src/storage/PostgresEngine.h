@@ -40,9 +40,8 @@ class PostgresEngine final : public Engine {
     bool readPage(PostgresPage& page, const std::string& bound, std::size_t rows, bool forward);
     /// Commits of this process so far.
     std::uint64_t commitCount() const { return commitCount_.load(std::memory_order_acquire); }
-    /// True when this process has committed something since that lies in the page's stretch; if not, the page is as
-    /// good as one read now.
-    bool hasChanged(PostgresPage& page) const;
+    /// Tells the page what this process has committed since; then it is as good as one read now.
+    void tellWritten(PostgresPage& page) const;
     /// Round trips made for reading.
     std::atomic<std::uint64_t> pagesRead{0};
 

@@ -7,7 +7,13 @@ namespace qel::storage {
 void PostgresPage::clear() {
     bytes_.clear();
     rows_.clear();
+    written_.clear();
     known_ = false;
+}
+
+void PostgresPage::noteWritten(Bytes key) {
+    if (knows(key))
+        written_.emplace(key);
 }
 
 void PostgresPage::add(Bytes key, Bytes value) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,11 @@ class PostgresPage {
     Bytes low() const { return low_; }
     Bytes high() const { return high_; }
 
+    /// This process has written the key since; what the page says about it and about its neighbourhood is over.
+    void noteWritten(Bytes key);
+    bool isStale() const { return !written_.empty(); }
+    bool wasWritten(Bytes key) const { return !written_.empty() && written_.count(key) != 0; }
+
     /// When the reading began, and how many commits of this process were over by then.
     Clock::time_point readAt;
     std::uint64_t commits = 0;
@@ -54,6 +60,7 @@ class PostgresPage {
     std::vector<Row> rows_;
     std::string low_;
     std::string high_;
+    std::set<std::string, std::less<>> written_;
     bool known_ = false;
     bool endless_ = false;
 };

@@ -155,7 +155,7 @@ bool StoreReader::exactly(Bytes key) {
         if (at != pending_->end())
             return !at->second.removes && found(at->first, at->second.value);
     }
-    return engineAtLeast(key) && cursor_->key() == key && found(cursor_->key(), cursor_->value());
+    return ready_ && (cursor_->isAt(key) || cursor_->find(key)) && found(cursor_->key(), cursor_->value());
 }
 
 }  // namespace qel::storage

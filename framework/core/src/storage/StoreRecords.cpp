@@ -70,17 +70,23 @@ StoreIdentity StoreRecords::identity() {
     return read(keyOf(identityKey), record) ? decode(record) : StoreIdentity();
 }
 
+bool StoreRecords::checkFormat(const Item& record, std::string& reason) const {
+    const StoreIdentity found = decode(record);
+    if (found.format >= 1 && found.format <= currentFormat)
+        return true;
+    reason = "the store " + core_.url + " has format " + std::to_string(found.format) +
+             "; this version reads formats up to " + std::to_string(currentFormat);
+    return false;
+}
+
 bool StoreRecords::prepare(std::string& reason) {
     Item record;
-    if (read(keyOf(identityKey), record)) {
-        const StoreIdentity found = decode(record);
-        if (found.format >= 1 && found.format <= currentFormat)
-            return true;
-        reason = "the store " + core_.url + " has format " + std::to_string(found.format) +
-                 "; this version reads formats up to " + std::to_string(currentFormat);
-        return false;
-    }
+    if (read(keyOf(identityKey), record))
+        return checkFormat(record, reason);
     const bool isEmpty = !core_.read([](StoreReader& reader) { return reader.atLeast(Bytes("\0", 1)); });
+    // Another process may have made it since the first look.
+    if (!isEmpty && read(keyOf(identityKey), record))
+        return checkFormat(record, reason);
     if (!isEmpty || core_.options.readOnly) {
         reason = "the files of " + core_.url + " hold no store of this system";
         return false;

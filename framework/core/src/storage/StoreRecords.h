@@ -27,6 +27,7 @@ class StoreRecords {
 
   private:
     bool read(Bytes key, Item& out);
+    bool checkFormat(const Item& record, std::string& reason) const;
     StoreCore& core_;
 };
 
