@@ -37,7 +37,7 @@ qel::Item sampleEvent() {
     return event;
 }
 
-// Calls `append` from so many threads for some seconds; events a second.
+// Calls `append` from so many threads for a moment; events a second.
 template <typename Append>
 double rate(int threads, Append append) {
     std::atomic<bool> stop{false};
@@ -53,7 +53,7 @@ double rate(int threads, Append append) {
             }
             done += mine;
         });
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     stop = true;
     for (std::thread& thread : all)
         thread.join();
@@ -133,16 +133,21 @@ int main() {
     };
     RawFile raw(folder / "raw");
     for (const int threads : {1, 8, 64}) {
-        // The two take turns, for the disk's speed drifts.
-        double floor = 0;
-        double ours = 0;
-        for (int turn = 0; turn < 3; ++turn) {
-            floor += rate(threads, [&](int) { threads == 1 ? raw.append() : raw.appendShared(); }) / 3;
-            ours += rate(threads, append) / 3;
+        // The two take many short turns, and each is compared with the floor just before it: the disk's speed changes by
+        // factors within a second when others use it.
+        std::vector<double> floors;
+        std::vector<double> rates;
+        std::vector<double> ratios;
+        for (int turn = 0; turn < 15; ++turn) {
+            floors.push_back(rate(threads, [&](int) { threads == 1 ? raw.append() : raw.appendShared(); }));
+            rates.push_back(rate(threads, append));
+            ratios.push_back(rates.back() / floors.back());
         }
         const std::string name = "durable_append_" + std::to_string(threads);
-        qel::bench::print((name + "_floor").c_str(), floor, "events/s");
-        qel::bench::print(name.c_str(), ours, "events/s", floor);
+        qel::bench::print((name + "_floor").c_str(), qel::bench::median(floors), "events/s");
+        std::printf("%s %.0f events/s ratio=%.2f\n", name.c_str(), qel::bench::median(rates),
+                    qel::bench::median(ratios));
+        std::fflush(stdout);
     }
     return 0;
 }
