@@ -125,6 +125,8 @@ void Daemon::offerRemoteCalls() {
     options.rowsPerCall = static_cast<std::uint64_t>(config_.rowsPerCall);
     std::string error;
     remoteCalls_ = std::make_unique<RpcService>(remoteCallService, &calls_, guard_.get(), options, error);
+    if (metrics_)
+        metrics_->watch(*remoteCalls_);
     // Events go on being received: only downloads need the directory.
     if (!error.empty())
         logError("[transfer] directory: " + error + "; logs cannot be downloaded");

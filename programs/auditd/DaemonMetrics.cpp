@@ -92,6 +92,20 @@ void addNetwork(MetricsText& text, const Network& network) {
                      asDouble(count), {{"reason", reason}});
 }
 
+void addRemoteCalls(MetricsText& text, const RpcService& service) {
+    const RpcStatistics figures = service.getStatistics();
+    text.counter("qel_remote_calls_total", "Remote calls that were permitted", asDouble(figures.calls));
+    text.gauge("qel_remote_calls_open", "Remote calls under way", asDouble(figures.openCalls));
+    text.counter("qel_remote_calls_not_permitted_total", "Remote calls of users who are no auditors",
+                 asDouble(figures.notPermitted));
+    text.counter("qel_remote_calls_not_answered_total", "Remote calls ended because nothing finished them",
+                 asDouble(figures.notAnswered));
+    text.counter("qel_remote_calls_too_large_total", "Remote calls refused for the size of their result",
+                 asDouble(figures.tooLarge));
+    text.counter("qel_transferred_file_bytes_total", "Bytes of files sent to auditors",
+                 asDouble(figures.fileBytes));
+}
+
 }  // namespace
 
 /// Histograms of the commit thread.
@@ -184,6 +198,8 @@ std::string DaemonMetrics::metrics() const {
     addLogs(text, sources_);
     addStore(text, *sources_.store);
     addNetwork(text, *network_);
+    if (sources_.remoteCalls != nullptr)
+        addRemoteCalls(text, *sources_.remoteCalls);
     text.gauge("qel_certificate_expires_timestamp_seconds",
                "End of the server's certificate, seconds since 1970",
                static_cast<double>(sources_.credentials->getValidUntil()) * microseconds);

@@ -9,6 +9,7 @@
 #include "common/MetricsServer.h"
 #include "qelCore/ItemStore.h"
 #include "qelNet/Network.h"
+#include "qelNet/RpcService.h"
 
 namespace qel::programs {
 
@@ -21,6 +22,7 @@ class DaemonMetrics {
         AuditService* audit = nullptr;
         AuditService* interaction = nullptr;
         const Credentials* credentials = nullptr;
+        const RpcService* remoteCalls = nullptr;
     };
 
     /// Begins to watch commits and events. The sources must outlive it.
@@ -32,6 +34,9 @@ class DaemonMetrics {
     /// Answers /metrics, /-/ready (a probe commit succeeds) and /-/healthy (the commit thread turns). `network` must
     /// outlive it. Throws Failure(75). Returns the address.
     std::string listen(const std::string& endpoint, const Network& network);
+
+    /// Adds the figures of remote calls; before `listen`.
+    void watch(const RpcService& remoteCalls) { sources_.remoteCalls = &remoteCalls; }
 
     /// Tells how long ago the commit thread turned last, as the main thread saw it.
     void setAlive(bool alive);

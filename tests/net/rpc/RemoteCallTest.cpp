@@ -174,6 +174,27 @@ TEST_F(RpcTest, AResultLargerThanTheClientTakesIsRefusedByIt) {
     EXPECT_TRUE(call("large"));
 }
 
+TEST_F(RpcTest, TheServiceCountsWhatItsCallsCameTo) {
+    serviceOptions.callSeconds = 2;
+    add("forgets", [](const RpcContext&) {});
+    addSending("send", "four");
+    connect();
+    ASSERT_TRUE(call(requestFor("send", target("a.csv"))));
+    guard.refusal = "too many";
+    EXPECT_EQ(call("forgets").error, RpcError::resultTooLarge);
+    guard.refusal.clear();
+    RpcRequest request;
+    request.name = "forgets";
+    EXPECT_EQ(call(request, [&] { transport->advance(1); }).error, RpcError::notAnswered);
+    pumpUntil([&] { return service->getStatistics().openCalls == 0; });
+    const RpcStatistics figures = service->getStatistics();
+    EXPECT_EQ(figures.calls, 3u);
+    EXPECT_EQ(figures.tooLarge, 1u);
+    EXPECT_EQ(figures.notAnswered, 1u);
+    EXPECT_EQ(figures.notPermitted, 0u);
+    EXPECT_EQ(figures.fileBytes, 4u);
+}
+
 TEST_F(RpcTest, ALostConnectionEndsTheWaitAndTheCallIsStillNoted) {
     std::atomic<bool> go{false};
     std::atomic<bool> begun{false};

@@ -72,6 +72,16 @@ struct QELNET_EXPORT RpcServiceOptions {
     std::uint64_t rowsPerCall = 1000000;
 };
 
+/// Counters of a service since it was made, and what is open now.
+struct QELNET_EXPORT RpcStatistics {
+    std::uint64_t calls = 0;
+    std::uint64_t openCalls = 0;
+    std::uint64_t notPermitted = 0;
+    std::uint64_t notAnswered = 0;  ///< ended because their handler left them unfinished
+    std::uint64_t tooLarge = 0;     ///< refused for the size of their result
+    std::uint64_t fileBytes = 0;    ///< read from files and sent
+};
+
 /// The remote calls of a provider, offered on the network in sessions of type `rpcSessionType`. Handlers run
 /// on a few threads of the service's own, inside a write batch of the current store, and what they stored is
 /// durable before their answer leaves. The host stops its network first, then destroys the service, then the
@@ -88,6 +98,7 @@ class QELNET_EXPORT RpcService : public Service {
     RpcService& operator=(const RpcService&) = delete;
 
     void report(ReportGenerator* generator) override;
+    RpcStatistics getStatistics() const;
 
     /// Ends the threads after the handlers that run; calls that still wait are dropped. After the network has
     /// stopped; the destructor calls it.

@@ -91,17 +91,30 @@ void RpcService::stop() {
     core_->events.stop(true);
 }
 
+RpcStatistics RpcService::getStatistics() const {
+    const Core::Counters& counters = core_->counters;
+    RpcStatistics figures;
+    figures.calls = counters.calls;
+    figures.openCalls = counters.openCalls;
+    figures.notPermitted = counters.notPermitted;
+    figures.notAnswered = counters.notAnswered;
+    figures.tooLarge = counters.tooLarge;
+    figures.fileBytes = counters.fileBytes;
+    return figures;
+}
+
 void RpcService::report(ReportGenerator* generator) {
     Service::report(generator);
-    const auto add = [&](const char* figure, const std::atomic<std::uint64_t>& value) {
-        generator->add(getName().c_str(), figure, static_cast<long long>(value.load()));
+    const RpcStatistics figures = getStatistics();
+    const auto add = [&](const char* figure, std::uint64_t value) {
+        generator->add(getName().c_str(), figure, static_cast<long long>(value));
     };
-    add("remote_calls_total", core_->counters.calls);
-    add("remote_calls_open", core_->counters.openCalls);
-    add("remote_calls_not_permitted_total", core_->counters.notPermitted);
-    add("remote_calls_not_answered_total", core_->counters.notAnswered);
-    add("remote_calls_too_large_total", core_->counters.tooLarge);
-    add("transferred_file_bytes_total", core_->counters.fileBytes);
+    add("remote_calls_total", figures.calls);
+    add("remote_calls_open", figures.openCalls);
+    add("remote_calls_not_permitted_total", figures.notPermitted);
+    add("remote_calls_not_answered_total", figures.notAnswered);
+    add("remote_calls_too_large_total", figures.tooLarge);
+    add("transferred_file_bytes_total", figures.fileBytes);
 }
 
 }  // namespace qel

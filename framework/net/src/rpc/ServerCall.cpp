@@ -132,8 +132,10 @@ void ServerCall::handle() {
     if (setup_.core->guard != nullptr) {
         const std::string refusal = setup_.core->guard->examine(setup_.caller, *setup_.call,
                                                                 getArguments().asItem(), setup_.mostRows);
-        if (!refusal.empty())
+        if (!refusal.empty()) {
+            ++setup_.core->counters.tooLarge;
             return fail(RpcError::resultTooLarge, refusal);
+        }
     }
     setup_.call->handler(*this);
 }
