@@ -53,8 +53,8 @@ class QELAUDITING_EXPORT AuditCSVtoHtmlReportConverter : public Delegate<List<St
     /// Writes `targetDir`/usage_report.html: sixteen charts, nineteen with photodoc details, less those that
     /// nothing was counted for; then the resource files. Times are microseconds since 1970 UTC and only label
     /// the page: every dated line counts. Failed writes go unnoticed; the page is made whole before it is
-    /// written. Each number of photos above 10,000 is dropped with an error line in the log, because its
-    /// chart has a series for every number up to it.
+    /// written. Numbers of photos above 10,000 are dropped, because their chart has a series for every
+    /// number up to the largest; the first few are logged at error level one by one, the others as a sum.
     void performUsageReport(const char* targetDir, UTCDateTime startTime, UTCDateTime endTime,
                             const char* serverName, bool withPhotodocDetails);
 

@@ -26,7 +26,8 @@ class QELAUDITING_EXPORT AuditExport {
 
     /// The events with `startTimeInclusive` <= time < `endTimeExclusive`, one nested item each:
     /// [[time, origin checksum], user, device, event, parameter, …], times as integers. All of them are held
-    /// in memory.
+    /// in memory; lines of more than 1 GiB fit into no item, and std::length_error is thrown: ask for slices
+    /// of the range then.
     static Item getLines(const Item& log, long long startTimeInclusive, long long endTimeExclusive);
 
     /// Offers "download_audit_report" and "get_audit_log" in the group "Auditing". The handlers hold copies

@@ -39,7 +39,8 @@ class QELAUDITING_EXPORT AuditService : public Service {
     /// 3).
     AuditService(const Item& path, const char* name, bool anonymous);
 
-    /// Copies share nothing but their statistics and listener.
+    /// Copies have a path, a flag and a listener of their own, and share their session factories and
+    /// statistics.
     AuditService(const AuditService& other);
     AuditService(AuditService&& other) noexcept;
     AuditService& operator=(const AuditService& other);

@@ -23,6 +23,7 @@
 ///     qel::testkit::FakeAuditService service("anna", "reading-room-1");
 ///     viewer.openSeries("1.2.3");                     // appends to its queue
 ///     service.forward(viewer.queue());
+///     using Events = std::vector<qel::testkit::FakeAuditService::Event>;
 ///     EXPECT_EQ(service.received(), (Events{{"anna", "reading-room-1", "SeriesOpened", "1.2.3"}}));
 namespace qel::testkit {
 

@@ -128,6 +128,29 @@ TEST(HtmlReportGenerator, AKeyBecomesAMemberWithSixDecimals) {
     EXPECT_TRUE(holds(body, "var numCols = 5\n"));
 }
 
+TEST(HtmlReportGenerator, IdsStandInEveryPlaceOfTheirTemplate) {
+    Generator page;
+    page.chart();
+    page.chart();
+    page.table();
+    const std::string body = page.body();
+    EXPECT_EQ(count(body, "<div id=\"chart-1\">"), 1);
+    EXPECT_EQ(count(body, "d3.select(\"div#chart-1\")"), 2);
+    EXPECT_EQ(count(body, "<div id=\"table-0\""), 1);
+    EXPECT_EQ(count(body, "d3.select(\"div#table-0\")"), 1);
+    EXPECT_EQ(count(body, "[[[["), 0);
+}
+
+TEST(HtmlReportGenerator, ItemsPerRowAreWrittenWithoutACheck) {
+    for (const int items : {0, -3, 7}) {
+        Generator page;
+        EventByMonth statistic;
+        statistic.increaseByOne(6, 2021, 0);
+        page.addBarchart("Chart", {"Login"}, statistic, "", items);
+        EXPECT_TRUE(holds(page.body(), "var numCols = " + std::to_string(items) + "\n"));
+    }
+}
+
 TEST(HtmlReportGenerator, RowsAreJoinedByCommas) {
     Generator page;
     EventByCategory statistic;

@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 #include <vector>
 
 #include "auditing/AuditAside.h"
+#include "auditing/AuditClient.h"
 #include "qelCore/logging/CaptureSink.h"
 #include "qelCore/util/Crc32c.h"
 #include "qelNet/RecordingPeer.h"
@@ -224,6 +226,26 @@ TEST_F(AuditServiceTest, ReplacedFactoryLosesItsReference) {
     service_.registerSessionFactory(3, replacement.get());
     EXPECT_EQ(before->getReferenceCount(), 1);
     EXPECT_EQ(replacement->getReferenceCount(), 2);
+}
+
+TEST_F(AuditServiceTest, RegisteringTheSameFactoryAgainKeepsIt) {
+    Service::SessionFactoryBase* const factory = service_.getSessionFactories().at(3);
+    service_.registerSessionFactory(3, factory);
+    EXPECT_EQ(service_.getSessionFactories().at(3), factory);
+    EXPECT_EQ(factory->getReferenceCount(), 1);
+}
+
+/// Whether code outside of a class can fill a chain from its middle.
+template <class T>
+concept FillsForEverybody = requires(std::array<const char*, 16>& chain) {
+    T::fillClassChain(chain, 0);
+};
+
+TEST_F(AuditServiceTest, OnlyDerivedClassesFillAChain) {
+    EXPECT_FALSE(FillsForEverybody<AuditService>);
+    EXPECT_FALSE(FillsForEverybody<AuditSession>);
+    EXPECT_FALSE(FillsForEverybody<AuditClient>);
+    EXPECT_FALSE(FillsForEverybody<AuditClient::AuditQuery>);
 }
 
 TEST_F(AuditServiceTest, CopiesAndMovesTakeNamePathAndFlag) {

@@ -21,8 +21,9 @@ class StoreCore;
 /// owns it and closes it by destroying the object, after the threads that use it have stopped; what is
 /// pending is committed first.
 ///
-/// Threads: one commit thread per open store, and writers that wait commit for each other. All writes pending at one moment, of all threads, become one
-/// durable transaction. A store does not survive `fork`: in the child every operation fails with a log line.
+/// Threads: one commit thread per open store, and writers that wait commit for each other. All writes pending at
+/// one moment, of all threads, become one durable transaction. A store does not survive `fork`: in the child
+/// every operation fails with a log line.
 class QELCORE_EXPORT ItemStore {
   public:
     /// Opens the store that `url` names: "lmdb:PATH", a folder, or "postgresql://…", a database that programs of several

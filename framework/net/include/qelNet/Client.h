@@ -39,9 +39,10 @@ class QELNET_EXPORT Client : public Object {
 /// One session as the client sees it, opened at the service that its client names. It lives on one
 /// connection: opened while the peer is not connected it waits for the next connection, and once that is lost
 /// the query is closed for good and the host makes a new one. Packets of the other end, ticks and handlers
-/// come on the strand of the peer; post there what must not run at the same time. Make queries and set their handlers on the strand too (in ConnectOptions::connected or
-/// a posted function), or before the peer is connected. Destroying a query waits
-/// for a callback of it that is running on another thread, and none follows.
+/// come on the strand of the peer; post there what must not run at the same time. Make queries and set their
+/// handlers on the strand too (in ConnectOptions::connected or a posted function), or before the peer is
+/// connected. Destroying a query waits for a callback of it that is running on another thread, and none
+/// follows.
 class QELNET_EXPORT Client::Query : public Service {
     QEL_CLASS(Query, Service)
 
