@@ -88,6 +88,18 @@ TEST_F(Unique, TimesThatWereHandedOutButNeverStoredAreNotHandedOutAgain) {
     EXPECT_GT(store_->uniqueTime(), handedOut);
 }
 
+TEST_F(Unique, ProcessesThatFollowEachOtherQuicklyStayAtThePresent) {
+    FixedClock clock(start);
+    for (int i = 0; i < 20; ++i) {
+        clock.advance(1000);
+        reopen();
+        const long long time = store_->uniqueTime();
+        EXPECT_EQ(time, System::getUTCDateTime());
+        write(key(path("queue"), time), "event");
+        close();
+    }
+}
+
 TEST_F(Unique, AWildClockDoesNotPoisonTheStoreAndNoTimeComesTwice) {
     std::set<long long> handedOut;
     const auto take = [&](long long now) {

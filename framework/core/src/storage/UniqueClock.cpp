@@ -146,7 +146,7 @@ bool UniqueClock::dueMark(ClockPage& page, std::string& record, long long& mark)
     const long long last = page.last.load();
     if (last <= page.committed.load())
         return false;
-    mark = last + markAhead;
+    mark = last;
     Item item;
     item.addInteger(mark);
     const RobustLock guard(page.mutex);

@@ -10,14 +10,12 @@
 namespace qel::storage {
 
 /// Hands out times that no process with the same store ever hands out again. The counter lies in the shared page and is
-/// advanced atomically. With the writes a mark goes into the store that is a little ahead of the counter, so that it
-/// need not be written with every transaction; after a power cut the counter goes on from the mark.
+/// advanced atomically. With the writes a mark goes into the store that says how far the counter has come; after a power
+/// cut the counter goes on from the mark. The mark never runs ahead of the counter, though it would then be written less
+/// often: a program that is started for every event would move further from the present with every start.
 /// Any thread.
 class UniqueClock {
   public:
-    /// How far the mark runs ahead of the counter: one record a second, and at most a second lost by a power cut.
-    static constexpr long long markAhead = 1000000;
-
     explicit UniqueClock(ClockPage& page) : page_(page) {}
 
     long long next(long long now, long long atLeast);
