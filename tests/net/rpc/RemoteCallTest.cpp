@@ -1,3 +1,4 @@
+#include <new>
 #include <stdexcept>
 
 #include "net/rpc/RpcFixture.h"
@@ -137,6 +138,18 @@ TEST_F(RpcTest, TheGuardCanRefuseALargeResultBeforeItIsMade) {
     EXPECT_EQ(reply.error, RpcError::resultTooLarge);
     EXPECT_EQ(reply.sentence, "there are five million rows");
     EXPECT_FALSE(called);
+}
+
+TEST_F(RpcTest, AResultThatNoItemOrNoMemoryHoldsIsTooLarge) {
+    add("long", [](const RpcContext&) { throw std::length_error("an item cannot hold more"); });
+    add("starved", [](const RpcContext&) { throw std::bad_alloc(); });
+    connect();
+    for (const char* name : {"long", "starved"}) {
+        const RpcReply reply = call(name);
+        EXPECT_EQ(reply.error, RpcError::resultTooLarge) << name;
+        EXPECT_NE(reply.sentence.find("ask for less at a time"), std::string::npos) << reply.sentence;
+    }
+    EXPECT_EQ(service->getStatistics().tooLarge, 2u);
 }
 
 TEST_F(RpcTest, AResultLargerThanAFrameAndItsWindowComesWhole) {

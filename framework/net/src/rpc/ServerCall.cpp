@@ -132,10 +132,8 @@ void ServerCall::handle() {
     if (setup_.core->guard != nullptr) {
         const std::string refusal = setup_.core->guard->examine(setup_.caller, *setup_.call,
                                                                 getArguments().asItem(), setup_.mostRows);
-        if (!refusal.empty()) {
-            ++setup_.core->counters.tooLarge;
+        if (!refusal.empty())
             return fail(RpcError::resultTooLarge, refusal);
-        }
     }
     setup_.call->handler(*this);
 }
@@ -287,6 +285,8 @@ CallAnswer ServerCall::makeAnswer() {
             answer = std::move(*failure_);
     }
     transfer_->hasEnded(answer.transferCode, answer.transferStatus);
+    if (answer.error == RpcError::resultTooLarge)
+        ++setup_.core->counters.tooLarge;
     if (answer.error != RpcError::none)
         return answer;
     answer.result = std::move(getResult());
