@@ -37,12 +37,13 @@ bool prepareAll(PostgresConnection& connection, const Statement (&statements)[co
     return true;
 }
 
-constexpr const char* creation[] = {
-    "CREATE TABLE IF NOT EXISTS qel_items (key bytea PRIMARY KEY, value bytea NOT NULL)",
+constexpr const char* itemsTable =
+    "CREATE TABLE IF NOT EXISTS qel_items (key bytea PRIMARY KEY, value bytea NOT NULL)";
+constexpr const char* metaTable =
     "CREATE TABLE IF NOT EXISTS qel_meta (name text PRIMARY KEY, number bigint NOT NULL, value bytea NOT "
-    "NULL)",
-    "INSERT INTO qel_meta (name, number, value) VALUES ('format', 1, '') ON CONFLICT (name) DO NOTHING",
-};
+    "NULL)";
+constexpr const char* formatRow =
+    "INSERT INTO qel_meta (name, number, value) VALUES ('format', 1, '') ON CONFLICT (name) DO NOTHING";
 
 }  // namespace
 
@@ -55,7 +56,7 @@ bool PostgresSchema::readFormat(PostgresConnection& connection, long long& forma
 }
 
 bool PostgresSchema::createTables(PostgresConnection& connection, PostgresError& error) {
-    for (const char* const sql : creation)
+    for (const char* const sql : {itemsTable, metaTable, formatRow})
         if (connection.run(sql, error) == nullptr)
             return false;
     return true;
