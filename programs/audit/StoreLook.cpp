@@ -41,11 +41,16 @@ JsonObject tellLog(const Output& output, const StoreLog& log) {
 }
 
 void tellSpace(Output& output, const StoreSpace& space) {
-    output.line("file: " + bytesText(space.fileBytes) + ", " + bytesText(space.usedBytes) + " used, " +
-                grouped(space.freePages) + " free pages of " + bytesText(space.pageBytes));
-    output.line("readers: " + std::to_string(space.readers) + " of " + std::to_string(space.readerSlots) +
-                " slots, the oldest " + grouped(space.oldestReaderLag) + " commits behind");
-    output.line("disk: " + bytesText(space.diskFreeBytes) + " free");
+    // A database tells its size and nothing of pages and disks.
+    if (space.pageBytes == 0) {
+        output.line("table and index: " + bytesText(space.usedBytes));
+    } else {
+        output.line("file: " + bytesText(space.fileBytes) + ", " + bytesText(space.usedBytes) + " used, " +
+                    grouped(space.freePages) + " free pages of " + bytesText(space.pageBytes));
+        output.line("readers: " + std::to_string(space.readers) + " of " + std::to_string(space.readerSlots) +
+                    " slots, the oldest " + grouped(space.oldestReaderLag) + " commits behind");
+        output.line("disk: " + bytesText(space.diskFreeBytes) + " free");
+    }
     JsonObject object;
     object.add("entries", static_cast<std::int64_t>(space.entries));
     object.add("fileBytes", static_cast<std::int64_t>(space.fileBytes));

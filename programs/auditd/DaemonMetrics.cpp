@@ -67,7 +67,10 @@ void addStore(MetricsText& text, ItemStore& store) {
     // A database that is away is not waited for.
     const StoreSpace space = figures.reachable ? store.space() : StoreSpace();
     text.gauge("qel_store_used_bytes", "Bytes of the store in use", asDouble(space.usedBytes));
-    text.gauge("qel_store_disk_free_bytes", "Bytes free on its file system", asDouble(space.diskFreeBytes));
+    // Of a database's disks nothing is known here; a zero would read as a full one.
+    if (store.url().rfind("lmdb:", 0) == 0)
+        text.gauge("qel_store_disk_free_bytes", "Bytes free on its file system",
+                   asDouble(space.diskFreeBytes));
 }
 
 void addNetwork(MetricsText& text, const Network& network) {

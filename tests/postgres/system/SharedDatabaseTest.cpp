@@ -51,6 +51,10 @@ TEST_F(SharedDatabase, EventsTravelFromTheQueueIntoAReport) {
     ASSERT_EQ(forward(anna), 0);
     EXPECT_EQ(lines().size(), 500U);
     EXPECT_EQ(daemon.get("/-/ready"), "ready\n\n");
+    // Nothing is known of the database's disks, and no alert about a full one may fire.
+    const std::string metrics = daemon.get("/metrics");
+    EXPECT_NE(metrics.find("qel_store_used_bytes"), std::string::npos);
+    EXPECT_EQ(metrics.find("qel_store_disk_free_bytes"), std::string::npos);
     const std::string interaction = folder_ / "exported.csv";
     const std::string trail = folder_ / "audit.csv";
     ASSERT_EQ(
