@@ -77,7 +77,8 @@ int runStoreRestore(CommandLine& line) {
     const std::string folder = storeFolder(url);
     std::error_code error;
     if (!std::filesystem::is_regular_file(from, error))
-        throw systemFailure(exitInputMissing, from, error ? error.value() : EISDIR);
+        throw error ? systemFailure(exitInputMissing, from, error.value())
+                    : Failure(exitInputMissing, from + ": expected a regular file");
     createParent(folder);
     if (const CommitResult result = StoreTools::restore(from, folder); !result)
         throw Failure(exitCannotCreate, result.reason);

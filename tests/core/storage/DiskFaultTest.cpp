@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <thread>
 
 #include "DiskTap.h"
 #include "qelCore/StoreTools.h"
@@ -171,6 +172,12 @@ TEST_F(DiskFault, TheStoreReopensAfterAFatalError) {
     // The write that would have made the transaction valid: whether it arrived is not known then.
     DiskTap::setBeforeWrite([](bool synchronous) { return synchronous ? EIO : 0; });
     EXPECT_FALSE(store_->store(path("key"), text("uncertain").bytes()));
+    std::thread([&] {
+        for (int i = 0; i < 1000; ++i)
+            store_->fetch(path("before"));
+    }).join();
+    EXPECT_TRUE(log.contains("cannot read the store"));
+    EXPECT_LT(log.count("cannot read the store"), 100) << "one and the same cause is told once a second";
     DiskTap::setBeforeWrite({});
     EXPECT_TRUE(store_->store(path("key"), text("kept").bytes()));
     EXPECT_EQ(store_->statistics().reopened, 1U);

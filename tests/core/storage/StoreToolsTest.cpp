@@ -3,6 +3,7 @@
 #include <lmdb.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -83,6 +84,27 @@ TEST_F(Tools, VerifyStopsWhenAsked) {
     const auto outcome = StoreTools::verify(*store_, {}, [](std::uint64_t done) { return done < 5000; });
     EXPECT_TRUE(outcome.stopped);
     EXPECT_LT(outcome.entries, 10000U);
+}
+
+TEST_F(EmbeddedTools, CutBackupIsRefusedAndLeavesNothing) {
+    fill(5000);
+    const std::string file = folder_ / "copy";
+    ASSERT_TRUE(StoreTools::backup(*store_, file, false).durable);
+    std::filesystem::resize_file(file, std::filesystem::file_size(file) / 2);
+    const CommitResult restored = StoreTools::restore(file, folder_ / "restored");
+    EXPECT_FALSE(restored.durable);
+    EXPECT_EQ(restored.reason.rfind("the backup " + file + " lacks ", 0), 0U) << restored.reason;
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "restored"));
+}
+
+TEST_F(EmbeddedTools, BackupNeverTakesThePlaceOfAPipeOrADevice) {
+    fill(3);
+    const std::string pipe = folder_ / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const CommitResult result = StoreTools::backup(*store_, pipe, false);
+    EXPECT_FALSE(result.durable);
+    EXPECT_EQ(result.reason, "cannot replace " + pipe + " by a backup: it is no regular file");
+    EXPECT_TRUE(std::filesystem::is_fifo(pipe));
 }
 
 TEST_F(EmbeddedTools, BackupIsRestoredElsewhere) {

@@ -1,6 +1,5 @@
 #include "storage/LmdbCursor.h"
 
-#include "qelCore/logging/MessageStream.h"
 #include "storage/LmdbEngine.h"
 
 namespace qel::storage {
@@ -43,8 +42,7 @@ Refreshed LmdbCursor::refresh() {
         return Refreshed::ok;
     if (error == MDB_MAP_RESIZED)
         return Refreshed::grown;
-    logging::MessageStream(3, 2) << "cannot read the store " << engine_.folder() << ": "
-                                 << mdb_strerror(error);
+    engine_.tellReadFault(error);
     return Refreshed::failed;
 }
 
@@ -81,8 +79,7 @@ bool LmdbCursor::find(MDB_val& key, MDB_cursor_op op) {
         value_ = {static_cast<const char*>(value.mv_data), value.mv_size};
     } else if (error != MDB_NOTFOUND) {
         ++engine_.readFaults;
-        logging::MessageStream(3, 2) << "cannot read the store " << engine_.folder() << ": "
-                                     << mdb_strerror(error);
+        engine_.tellReadFault(error);
     }
     return positioned_;
 }

@@ -1,6 +1,7 @@
 #include "storage/LmdbEngine.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -91,6 +92,14 @@ int LmdbEngine::tryOpen(std::size_t mapBytes) {
     int error = mdb_env_create(&environment_);
     if (error != 0)
         return error;
+    mdb_env_set_userctx(environment_, this);
+    mdb_env_set_assert(
+        environment_, [](MDB_env* environment, const char* fault) {
+            // The engine ends the process after this.
+            logging::MessageStream(3, 2)
+                << "the store " << static_cast<const LmdbEngine*>(mdb_env_get_userctx(environment))->folder()
+                << " is damaged and cannot be used (" << fault << "); restore a backup of it";
+        });
     mdb_env_set_maxreaders(environment_, readerSlots);
     mdb_env_set_mapsize(environment_, mapBytes);
     error = mdb_env_open(environment_, folder_.path().c_str(), MDB_NOTLS,
@@ -123,6 +132,21 @@ bool LmdbEngine::loadClock(std::string& reason) {
     UniqueClock::load(page_.clock(), record);
     mdb_txn_abort(transaction);
     return true;
+}
+
+void LmdbEngine::tellReadFault(int error) {
+    const std::lock_guard guard(faultsMutex_);
+    const auto now = std::chrono::steady_clock::now();
+    ++untoldFaults_;
+    if (error == toldFault_ && now - toldAt_ < std::chrono::seconds(1))
+        return;
+    logging::MessageStream line(3, 2);
+    line << "cannot read the store " << folder_.path() << ": " << mdb_strerror(error);
+    if (untoldFaults_ > 1)
+        line << ", " << untoldFaults_ << " times since this was last told";
+    toldFault_ = error;
+    toldAt_ = now;
+    untoldFaults_ = 0;
 }
 
 std::shared_ptr<EngineCursor> LmdbEngine::makeCursor() {

@@ -24,6 +24,10 @@ class LmdbEngine final : public Engine {
                                             std::string& reason);
     ~LmdbEngine() override;
 
+    /// Bytes that a store's data file lacks at its end for the pages it speaks of; zero when it is whole, or no such
+    /// file. Reading a page that is not there would be the end of the process.
+    static std::uint64_t missingBytes(const std::string& file);
+
     std::shared_ptr<EngineCursor> makeCursor() override;
     void adoptGrowth() override;
     unsigned sweep() override;
@@ -37,6 +41,9 @@ class LmdbEngine final : public Engine {
     bool isForeignProcess() const { return process_ != getpid(); }
     MDB_env* environment() const { return environment_; }
     MDB_dbi database() const { return database_; }
+    /// Logs that reading failed: each cause at once, and again at most once a second, with how often it came
+    /// meanwhile. A walk over a broken store fails at every step.
+    void tellReadFault(int error);
 
   private:
     explicit LmdbEngine(const StoreOptions& options) : options_(options) {}
@@ -66,6 +73,10 @@ class LmdbEngine final : public Engine {
     std::shared_mutex mapping_;
     std::mutex cursorsMutex_;
     std::vector<std::shared_ptr<LmdbCursor>> cursors_;
+    std::mutex faultsMutex_;
+    int toldFault_ = 0;
+    std::uint64_t untoldFaults_ = 0;
+    std::chrono::steady_clock::time_point toldAt_;
 };
 
 }  // namespace qel::storage

@@ -33,6 +33,14 @@ std::uint64_t countFreePages(MDB_txn* transaction) {
     return pages;
 }
 
+std::uint64_t neededBytes(MDB_env* environment) {
+    MDB_envinfo info;
+    MDB_stat stat;
+    if (mdb_env_info(environment, &info) != 0 || mdb_env_stat(environment, &stat) != 0)
+        return 0;
+    return (std::uint64_t{info.me_last_pgno} + 1) * stat.ms_psize;
+}
+
 struct Readers {
     unsigned count = 0;
     std::uint64_t oldest = ~std::uint64_t{0};
@@ -84,6 +92,19 @@ void LmdbEngine::space(StoreSpace& out) {
         out.diskFreeBytes = std::uint64_t{system.f_bavail} * system.f_frsize;
 }
 
+std::uint64_t LmdbEngine::missingBytes(const std::string& file) {
+    MDB_env* environment = nullptr;
+    struct stat found {};
+    std::uint64_t needed = 0;
+    if (::stat(file.c_str(), &found) != 0 || mdb_env_create(&environment) != 0)
+        return 0;
+    if (mdb_env_open(environment, file.c_str(), MDB_NOSUBDIR | MDB_RDONLY | MDB_NOLOCK, 0) == 0)
+        needed = neededBytes(environment);
+    mdb_env_close(environment);
+    const auto size = static_cast<std::uint64_t>(found.st_size);
+    return needed > size ? needed - size : 0;
+}
+
 CommitResult LmdbEngine::copyTo(const std::string& file, bool compact) {
     const std::shared_lock steady(mapping_);
     const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
@@ -92,6 +113,13 @@ CommitResult LmdbEngine::copyTo(const std::string& file, bool compact) {
         return {false, "cannot make the copy " + file + ": " + std::strerror(errno)};
     int error =
         environment_ == nullptr ? MDB_PANIC : mdb_env_copyfd2(environment_, fd, compact ? MDB_CP_COMPACT : 0);
+    // Free pages at the end may never have been written. A copy has them all, so that a shorter one is a cut one.
+    struct stat copy {};
+    if (error == 0 && !compact && fstat(fd, &copy) == 0) {
+        const auto needed = static_cast<off_t>(neededBytes(environment_));
+        if (copy.st_size < needed && ftruncate(fd, needed) != 0)
+            error = errno;
+    }
     if (error == 0 && fsync(fd) != 0)
         error = errno;
     if (close(fd) != 0 && error == 0)

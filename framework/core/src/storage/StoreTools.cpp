@@ -12,6 +12,7 @@
 
 #include "qelCore/ItemStore.h"
 #include "qelCore/String.h"
+#include "storage/LmdbEngine.h"
 #include "storage/StoreCore.h"
 #include "storage/StoreFolder.h"
 
@@ -122,6 +123,10 @@ StoreTools::Outcome StoreTools::verify(ItemStore& store, const Fault& fault, con
 }
 
 CommitResult StoreTools::backup(ItemStore& store, const std::string& file, bool compact) {
+    struct stat found {};
+    // Giving the copy its name would put a file in the place of a device or a pipe.
+    if (stat(file.c_str(), &found) == 0 && !S_ISREG(found.st_mode))
+        return {false, "cannot replace " + file + " by a backup: it is no regular file"};
     // A leftover of an attempt that was cut off.
     const std::string unfinished = file + ".unfinished";
     unlink(unfinished.c_str());
@@ -144,6 +149,10 @@ CommitResult StoreTools::restore(const std::string& file, const std::string& pat
     const std::string unfinished = data + ".unfinished";
     unlink(unfinished.c_str());
     CommitResult result = copyFile(file, unfinished);
+    if (const std::uint64_t missing = result ? storage::LmdbEngine::missingBytes(unfinished) : 0;
+        missing != 0)
+        result = {false, "the backup " + file + " lacks " + std::to_string(missing) +
+                             " bytes at its end: it was cut on its way"};
     if (result)
         result = giveName(unfinished, data);
     if (result) {
