@@ -13,15 +13,18 @@
 namespace qel::programs {
 namespace {
 
+/// In double quotes, which scripts look for; a path may hold any character.
 std::string tomlText(const std::string& text) {
-    std::ostringstream out;
-    out << toml::value<std::string>(text);
-    const std::string written = out.str();
-    // The library prefers literal strings in single quotes; scripts look for double ones.
-    if (written.empty() || written.front() != '\'')
-        return written;
+    constexpr const char* digits = "0123456789ABCDEF";
     std::string escaped = "\"";
     for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) {
+            escaped += "\\u00";
+            escaped += digits[byte >> 4];
+            escaped += digits[byte & 15];
+            continue;
+        }
         if (c == '"' || c == '\\')
             escaped += '\\';
         escaped += c;

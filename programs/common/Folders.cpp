@@ -7,11 +7,16 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "common/Failure.h"
 
 namespace qel::programs {
+namespace {
+
+/// Configurations, certificates and lists of users are far smaller; a device never ends.
+constexpr std::size_t largestTextFile = std::size_t{64} << 20;
+
+}  // namespace
 
 void createFolder(const std::string& folder) {
     std::error_code error;
@@ -61,11 +66,17 @@ std::string readTextFile(const std::string& file) {
     std::ifstream in(file, std::ios::binary);
     if (!in)
         throw systemFailure(exitInputMissing, file, errno);
-    std::ostringstream text;
-    text << in.rdbuf();
+    std::string text;
+    std::string piece(1 << 16, '\0');
+    while (in.read(piece.data(), static_cast<std::streamsize>(piece.size())) || in.gcount() > 0) {
+        text.append(piece, 0, static_cast<std::size_t>(in.gcount()));
+        if (text.size() > largestTextFile)
+            throw Failure(exitBadData,
+                          file + ": is larger than " + std::to_string(largestTextFile >> 20) + " MiB");
+    }
     if (in.bad())
         throw systemFailure(exitInputMissing, file, EIO);
-    return text.str();
+    return text;
 }
 
 }  // namespace qel::programs

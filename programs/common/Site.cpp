@@ -66,6 +66,22 @@ void Site::create(const std::string& host, const AuthorityKey& key, const std::s
     if (std::filesystem::exists(keyFile(key)) && !key.file.empty())
         throw Failure(exitCannotCreate, key.file + ": exists, an authority's key is never replaced");
     makeFolder(state);
+    try {
+        createInFolder(host, key, state, store, passphrase);
+    } catch (...) {
+        // The folder was empty: a second attempt must not stumble over what the first one left. An authority's key that lives
+        // elsewhere stays, whoever made it.
+        std::error_code ignored;
+        for (const std::string& file : {folder_ + "/authority.key", authorityCertificate(), siteKey(),
+                                        configuration(), folder_ + "/server.crt", folder_ + "/server.key"})
+            std::filesystem::remove(file, ignored);
+        std::filesystem::remove(folder_, ignored);
+        throw;
+    }
+}
+
+void Site::createInFolder(const std::string& host, const AuthorityKey& key, const std::string& state,
+                          const std::string& store, const std::string& passphrase) const {
     std::string error;
     const std::unique_ptr<Authority> authority = Authority::create(
         "Auditing authority of " + host, authorityCertificate(), keyFile(key), error, passphrase);

@@ -48,6 +48,8 @@ class Site {
                             const std::string& store) const;
     void makeFolder(const std::string& state) const;
     std::string keyFile(const AuthorityKey& key) const;
+    void createInFolder(const std::string& host, const AuthorityKey& key, const std::string& state,
+                        const std::string& store, const std::string& passphrase) const;
     void issueServer(Authority& authority, const std::string& host) const;
 
     std::string folder_;

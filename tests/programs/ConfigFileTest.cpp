@@ -50,6 +50,7 @@ TEST_F(ConfigFileTest, PrintedConfigurationReadsBackToTheSameValues) {
     config.name = "a \"quoted\" back\\slash \u00e4";
     config.audit = {"site/audit", "trail", true};
     config.auditors = {"anna", "paul'o"};
+    config.transferDirectory = "line\nbreak\ttab\x7f";
     config.idleSeconds = 7;
     config.metricsListen = "127.0.0.1:9100";
     const std::string printed = printConfig(config, true);
@@ -58,6 +59,7 @@ TEST_F(ConfigFileTest, PrintedConfigurationReadsBackToTheSameValues) {
     EXPECT_EQ(printConfig(again, true), printed);
     EXPECT_EQ(again.name, config.name);
     EXPECT_EQ(again.auditors, config.auditors);
+    EXPECT_EQ(again.transferDirectory, config.transferDirectory);
     EXPECT_TRUE(again.audit.anonymous);
 }
 
@@ -113,6 +115,17 @@ TEST_F(ConfigFileTest, MissingFileAndFolderAreMissingInput) {
             EXPECT_EQ(failure.code(), exitInputMissing);
             EXPECT_NE(std::string(failure.what()).find(file + ": "), std::string::npos);
         }
+    }
+}
+
+TEST_F(ConfigFileTest, FileWithoutAnEndIsRefused) {
+    DaemonConfig config;
+    try {
+        readConfig("/dev/zero", config);
+        FAIL() << "a device was read as a configuration";
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.code(), exitBadData);
+        EXPECT_STREQ(failure.what(), "/dev/zero: is larger than 64 MiB");
     }
 }
 

@@ -136,6 +136,20 @@ TEST_F(SiteTest, RevokedCertificateStandsOnTheListThatTheConfigurationNames) {
     EXPECT_NE(check.err.find("certificate revoked"), std::string::npos) << check.err;
 }
 
+TEST_F(SiteTest, ServerNameThatCannotBeLeavesNoHalfSiteBehind) {
+    EXPECT_EQ(audit({"init", folder_ / "site", "--server", "a b"}).code, 73);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "site"));
+    EXPECT_EQ(init("site").code, 0);
+}
+
+TEST_F(SiteTest, StateFolderOfAnyNameIsReadBack) {
+    const std::string state = folder_ / "line\nbreak \"quoted\"";
+    ASSERT_EQ(init("site", {"--state", state}).code, 0);
+    DaemonConfig config;
+    readConfig(folder_ / "site/qel-auditd.toml", config);
+    EXPECT_EQ(config.storeUrl, "lmdb:" + state + "/store");
+}
+
 TEST_F(SiteTest, FolderWithSomethingInItIsRefusedAndLeftAlone) {
     std::filesystem::create_directory(folder_ / "site");
     folder_.write("site/mine", "x");
