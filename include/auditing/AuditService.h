@@ -18,6 +18,7 @@ struct AuditServiceStatistics {
     std::atomic<unsigned long long> retransmitted{0};  ///< of these: the same event was already there
     std::atomic<unsigned long long> overwritten{0};  ///< of these: other content was there and was kept aside
     std::atomic<unsigned long long> malformed{0};    ///< audit packets that did not fit their scheme, dropped
+    std::atomic<unsigned long long> refused{0};      ///< events the store did not take, not acknowledged
 };
 
 /// The server side of the audit transport: a service that writes every event it receives into one central
@@ -28,7 +29,9 @@ struct AuditServiceStatistics {
 /// A record is stored under the path followed by the nested item [time, origin checksum]; its value is
 /// [user, device, event, parameter, …]. An event sent again by the same origin with the same time lands on
 /// the same key, so a retransmission leaves one record. Other content found under such a key is kept aside
-/// first (AuditAside).
+/// first (AuditAside). An event that the store refuses, for it exceeds the limits told in the handshake, is neither
+/// stored nor acknowledged, and those around it are: it stays with its sender, who keeps such an event aside once
+/// the limit is known there.
 class QELAUDITING_EXPORT AuditService : public Service {
     QEL_CLASS(AuditService, Service)
     /// Called after each stored event, before it is durable, on the network thread of its connection; must

@@ -44,6 +44,8 @@ void addLogs(MetricsText& text, const DaemonMetrics::Sources& sources) {
     addLog(text, "qel_events_overwritten_total",
            "Events that met other content under their key, which was kept aside",
            &AuditServiceStatistics::overwritten, sources);
+    addLog(text, "qel_events_refused_total", "Events over a limit of the store, which stay with their sender",
+           &AuditServiceStatistics::refused, sources);
     addLog(text, "qel_packets_malformed_total", "Audit packets that were dropped because they did not fit",
            &AuditServiceStatistics::malformed, sources);
 }

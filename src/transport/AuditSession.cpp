@@ -5,6 +5,7 @@
 #include "auditing/AuditAside.h"
 #include "auditing/AuditProtocol.h"
 #include "auditing/AuditService.h"
+#include "qelCore/ItemStore.h"
 #include "qelCore/Packet.h"
 #include "qelCore/Ref.h"
 #include "qelCore/logging/MessageStream.h"
@@ -35,20 +36,26 @@ bool AuditSession::packetReceived(Packet* packet) {
         return true;
     }
     const long long time = packet->singleGet<long long>("time");
-    store(time, packet->getItem("event"));
-    acknowledge(time);
+    if (store(time, packet->getItem("event")))
+        acknowledge(time);
     return true;
 }
 
-void AuditSession::store(long long time, const Item& event) {
+bool AuditSession::store(long long time, const Item& event) {
     AuditService& service = auditService();
     const Item key = record::centralKey(service.getPath(), time, originChecksum_);
     const Item value = record::centralValue(origin_, event);
-    noteWhatStoodThere(key, value);
-    key.store(value);
+    ItemStore* const store = ItemStore::current();
+    if (store != nullptr && store->accepts(key, value.bytes().size()))
+        noteWhatStoodThere(key, value);
+    if (store == nullptr || !store->store(key, value.bytes())) {
+        service.getStatistics().refused.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
     service.getStatistics().stored.fetch_add(1, std::memory_order_relaxed);
     if (service.getListener())
         service.getListener()(origin_, time);
+    return true;
 }
 
 /// A record under the same key is usually the same event, sent again because its acknowledgement was lost. Any other

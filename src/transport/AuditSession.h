@@ -22,7 +22,8 @@ class AuditSession : public Session {
 
   private:
     AuditService& auditService() const;
-    void store(long long time, const Item& event);
+    /// False when the store refused it, which concerns no other event.
+    bool store(long long time, const Item& event);
     void noteWhatStoodThere(const Item& key, const Item& record);
     void acknowledge(long long time);
 

@@ -191,6 +191,30 @@ TEST_F(AuditServiceTest, AuditDataThatDoesNotFitIsSwallowedWithoutRecordOrAcknow
     EXPECT_EQ(service_.getStatistics().malformed, 1U);
 }
 
+TEST_F(AuditServiceTest, EventThatTheStoreRefusesIsNotAcknowledgedAndHarmsNoOther) {
+    logging::CaptureSink log;
+    ItemStore::current()->setValueLimit(1000);
+    AttachedSession session(service_, anna_);
+    session.record(5, event("before"));
+    bool durable = false;
+    {
+        WriteBatch burst;
+        session.record(4, event("E"));
+        session.record(5, event(std::string(2000, 'x')));
+        session.record(6, event("E"));
+        burst.submit([&](const CommitResult& result) { durable = result.durable; });
+    }
+    EXPECT_FALSE(ItemStore::flush());
+    EXPECT_TRUE(durable);
+    EXPECT_EQ(session.acknowledged(), (std::vector<long long>{5, 4, 6}));
+    EXPECT_EQ(lines().size(), 3U);
+    EXPECT_EQ(lines()[1], line(5, anna_, R"("anna","viewer-1","before")"));
+    EXPECT_EQ(service_.getStatistics().refused, 1U);
+    EXPECT_EQ(service_.getStatistics().stored, 3U);
+    EXPECT_EQ(service_.getStatistics().overwritten, 0U) << "what stood there stands there still";
+    EXPECT_TRUE(log.contains("bytes is over the limit of 1000"));
+}
+
 TEST_F(AuditServiceTest, ListenerHearsTheOriginAndTimeOfEachStoredEvent) {
     std::vector<std::string> heard;
     service_.setListener([&](const Item& origin, long long time) {

@@ -5,8 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "auditing/AuditAside.h"
 #include "auditing/AuditClient.h"
 #include "auditing/AuditService.h"
+#include "qelCore/ItemStore.h"
 #include "qelCore/logging/CaptureSink.h"
 #include "qelNet/MemoryTransport.h"
 #include "support/AuditStore.h"
@@ -171,6 +173,36 @@ TEST_F(ForwardingTest, NothingLeavesWhileTheConnectionIsDown) {
     reconnect();
     forward();
     expectAllArrivedOnce();
+}
+
+TEST_F(ForwardingTest, EventThatTheStoreRefusesStaysQueuedAndTheOthersArrive) {
+    logging::CaptureSink log;
+    record(20);
+    sequence_.append(event("E", std::string(2000, 'x')));
+    record(100);
+    ItemStore::flush();
+    ItemStore::current()->setValueLimit(1000);
+    forward();
+    EXPECT_TRUE(transport_.isConnected()) << "one bad value must not end the connection";
+    EXPECT_EQ(queued(), 1U);
+    expectAllArrivedOnce();
+    EXPECT_EQ(service_.getStatistics().refused, 1U);
+    EXPECT_EQ(service_.getStatistics().retransmitted, 0U);
+
+    // A connection whose handshake tells that limit lets the workstation keep the event aside.
+    ItemStore::current()->setValueLimit(4000);
+    MemoryTransport::Options told = ends();
+    told.serverLimits.valueBytes = 900;
+    MemoryTransport transport({&service_}, told);
+    AuditClient client(transport.getPeer(), "audit");
+    query_ = std::make_unique<AuditClient::AuditQuery>(&client, sequence_);
+    transport.deliver();
+    query_->processEvents();
+    EXPECT_EQ(queued(), 0U);
+    EXPECT_EQ(query_->getStatistics().parked, 1U);
+    EXPECT_EQ(AuditAside::count(AsideReason::parked, sequence_.getPath()), 1);
+    expectAllArrivedOnce();
+    query_.reset();
 }
 
 TEST_F(ForwardingTest, EventOfEveryElementTypeArrivesAsItWas) {

@@ -71,7 +71,7 @@ TEST_F(Store, OverLimitIsRefusedWithASentenceAndHarmsNoOther) {
         write(key(path("log"), 2), std::string(2000, 'x'));
         write(path(std::string(600, 'k')), "long key");
         write(key(path("log"), 3), "good too");
-        EXPECT_FALSE(batch.commit().durable);
+        EXPECT_TRUE(batch.commit().durable);
     }
     EXPECT_TRUE(log.contains("a value of 2002 bytes is over the limit of 1000"));
     EXPECT_TRUE(log.contains("a key of 602 bytes is over the limit of 511"));
@@ -82,6 +82,46 @@ TEST_F(Store, OverLimitIsRefusedWithASentenceAndHarmsNoOther) {
     EXPECT_EQ(read(key(path("log"), 1)), "good");
     EXPECT_EQ(read(key(path("log"), 2)), "(null)");
     EXPECT_EQ(read(key(path("log"), 3)), "good too");
+}
+
+TEST_F(Store, CompletionSpeaksOfTheWritesThatWereTaken) {
+    store_->setValueLimit(1000);
+    std::promise<bool> done;
+    {
+        WriteBatch batch;
+        EXPECT_FALSE(store_->store(path("large"), text(std::string(2000, 'x')).bytes()));
+        EXPECT_TRUE(store_->store(path("small"), text("v").bytes()));
+        batch.submit([&](const CommitResult& result) { done.set_value(result.durable); });
+    }
+    EXPECT_TRUE(done.get_future().get());
+    const CommitResult told = ItemStore::flush();
+    EXPECT_FALSE(told.durable);
+    EXPECT_TRUE(contains(told.reason, "a value of 2002 bytes is over the limit of 1000")) << told.reason;
+    EXPECT_EQ(read(path("small")), "v");
+}
+
+TEST_F(Store, BatchWhoseWriteFoundNoRoomFails) {
+    StoreOptions options;
+    options.pendingLimit = 64 << 10;
+    options.patienceMilliseconds = 50;
+    reopen(options);
+    std::promise<void> refused;
+    std::shared_future<void> goOn = refused.get_future().share();
+    // Who holds the commit up holds what is pending.
+    store_->setCommitObserver([goOn](const CommitReport&) { goOn.wait(); });
+    std::promise<bool> done;
+    {
+        WriteBatch holding;
+        write(path("holding"), std::string(60000, 'h'));
+        holding.submit({});
+        write(path("too much"), std::string(60000, 'x'));
+        holding.submit([&](const CommitResult& result) { done.set_value(result.durable); });
+    }
+    refused.set_value();
+    EXPECT_FALSE(done.get_future().get());
+    EXPECT_TRUE(contains(ItemStore::flush().reason, "too much is waiting to be written"));
+    store_->setCommitObserver({});
+    EXPECT_EQ(read(path("holding")), std::string(60000, 'h'));
 }
 
 TEST_F(Store, BatchCompletesOnceItIsDurable) {

@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include "support/NetworkFixture.h"
+#include "wire/OpenSsl.h"
 
 namespace qel {
 namespace {
 
 using test::eventually;
 using test::NetworkTest;
+using tls::describeTime;
 
 constexpr long long microsecondsPerDay = 86'400'000'000LL;
 
@@ -66,10 +68,29 @@ TEST_F(NetworkTest, ExpiredCertificateIsNamedWithItsDatesAtBothEnds) {
     })) << station->lastReason();
 }
 
-TEST_F(NetworkTest, CertificateOfTomorrowIsRefused) {
+TEST_F(NetworkTest, CertificateOfTomorrowIsNamedWithItsDateAtBothEnds) {
     const Validity future{now() + microsecondsPerDay, now() + 10 * microsecondsPerDay};
+    const std::string begins = describeTime(future.from);
     const auto station = connect({listen()}, site_.workstation("early", "WS-01", future));
-    ASSERT_TRUE(log_.waitFor("the certificate \"early\" of \"WS-01\" of the other end is valid only from "));
+    ASSERT_TRUE(log_.waitFor("the certificate \"early\" of \"WS-01\" of the other end is valid only from " +
+                             begins + "; this machine's clock says "));
+    ASSERT_TRUE(eventually([&] {
+        return station->lastReason().find(
+                   "the other end refuses our certificate \"early\" of \"WS-01\": it is valid only from " +
+                   begins + ", and this machine's clock says ") != std::string::npos;
+    })) << station->lastReason();
+}
+
+TEST_F(NetworkTest, ServerCertificateOfTomorrowIsNamedWithItsDateAtBothEnds) {
+    const Validity future{now() + microsecondsPerDay, now() + 10 * microsecondsPerDay};
+    const std::string begins = describeTime(future.from);
+    const auto station = connect({listen(site_.server("127.0.0.1", future))});
+    ASSERT_TRUE(eventually([&] {
+        return station->lastReason().find("\"127.0.0.1\" of the other end is valid only from " + begins) !=
+               std::string::npos;
+    })) << station->lastReason();
+    EXPECT_TRUE(log_.waitFor("the other end refuses our certificate \"127.0.0.1\": it is valid only from " +
+                             begins + ", and this machine's clock says "));
 }
 
 TEST_F(NetworkTest, ServerOfAnotherNameIsRefused) {

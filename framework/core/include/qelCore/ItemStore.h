@@ -57,7 +57,8 @@ class QELCORE_EXPORT ItemStore {
     bool prev(Item& position);
     ConstByteSpan fetch(const Item& key);
     /// As `Item::store`; false when the write was refused or, outside a batch and with durability `commit`,
-    /// is not durable. `flush` tells the reason.
+    /// is not durable. `flush` tells the reason. A key or a value over its limit fails this write only: a batch
+    /// that it was meant for completes without it. A write that found no room in time fails its batch.
     bool store(const Item& key, ConstByteSpan value);
     bool remove(const Item& key);
     /// Moves `position` to the nearest key behind it in the order of all keys, whatever its parent: for tools

@@ -97,11 +97,11 @@ bool StoreCore::accepts(std::size_t keySize, std::size_t valueSize, std::string&
     return false;
 }
 
-bool StoreCore::refuse(ThreadState& state, const std::string& reason) {
+bool StoreCore::refuse(ThreadState& state, Harms harms, const std::string& reason) {
     ++refused;
     logging::MessageStream(3, 2) << reason;
     state.fate->fail(reason);
-    if (state.batchFate != nullptr)
+    if (harms == Harms::wholeBatch && state.batchFate != nullptr)
         state.batchFate->fail(reason);
     return false;
 }
@@ -112,12 +112,13 @@ bool StoreCore::write(Bytes key, Bytes value, bool removes) {
     ThreadState& state = thread();
     std::string reason;
     if (!accepts(key.size(), value.size(), reason))
-        return refuse(state, "refused to store under " + printKey(key) + ": " + reason);
+        return refuse(state, options.readOnly ? Harms::wholeBatch : Harms::oneWrite,
+                      "refused to store under " + printKey(key) + ": " + reason);
     const std::size_t size = PendingBatch::sizeOf(key, value);
     if (state.depth != 0 && commits_->pendingBytes() + size > options.pendingLimit)
         passOn(state);
     if (!commits_->reserve(size))
-        return refuse(state,
+        return refuse(state, Harms::wholeBatch,
                       "refused to store under " + printKey(key) + ": too much is waiting to be written");
     std::unique_ptr<PendingBatch> single;
     if (state.depth == 0)

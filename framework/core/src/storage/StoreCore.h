@@ -77,7 +77,9 @@ class StoreCore {
     static std::atomic<std::uint32_t> forksSeen;
     static std::uint32_t watchForks();
     bool reportForeign() const;
-    bool refuse(storage::ThreadState& state, const std::string& reason);
+    /// How far a refusal reaches: what is wrong with one write is not the fault of those that share its batch.
+    enum class Harms { oneWrite, wholeBatch };
+    bool refuse(storage::ThreadState& state, Harms harms, const std::string& reason);
     void passOn(storage::ThreadState& state);
 
     const std::uint64_t number_;

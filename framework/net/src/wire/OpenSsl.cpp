@@ -82,6 +82,10 @@ std::string describeHosts(const X509* certificate) {
     return text.empty() ? "no host at all" : text;
 }
 
+bool hasHosts(const X509* certificate) {
+    return X509_get_ext_by_NID(certificate, NID_subject_alt_name, -1) >= 0;
+}
+
 long long toMicroseconds(const ASN1_TIME* time) {
     std::tm parts{};
     if (!time || ASN1_TIME_to_tm(time, &parts) != 1)

@@ -47,6 +47,8 @@ std::string describeIssuer(const X509* certificate);
 
 /// "DNS:a, IP:b", the names that a server certificate is for.
 std::string describeHosts(const X509* certificate);
+/// True for a certificate with alternative names, as servers have them.
+bool hasHosts(const X509* certificate);
 
 /// "2026-03-01 08:00:00 UTC".
 std::string describeTime(const ASN1_TIME* time);

@@ -71,6 +71,21 @@ std::string TlsDiagnosis::explainCertificate(int code, X509* certificate) const 
            own_->authorityNames() + " (" + X509_verify_cert_error_string(code) + ")";
 }
 
+// "bad certificate" is all that TLS has for a certificate whose time has not begun, for a wrong name and for a damaged one.
+std::string TlsDiagnosis::explainBadCertificate() const {
+    const X509* certificate = own_->certificate();
+    const std::string begins = describeTime(X509_get0_notBefore(certificate));
+    if (now() < toMicroseconds(X509_get0_notBefore(certificate)))
+        return ": it is valid only from " + begins + ", and " + timeOfThisMachine();
+    if (hasHosts(certificate))
+        return ": it is for " + describeHosts(certificate) +
+               ", and the other end expected another name or found it damaged; or the other end's clock is "
+               "before " +
+               begins + ", from when it is valid, while " + timeOfThisMachine();
+    return ": it is valid from " + begins + ", which the other end's clock has not reached while " +
+           timeOfThisMachine() + ", or the other end found it damaged";
+}
+
 std::string TlsDiagnosis::explainAlert(int alert) const {
     const X509* certificate = own_->certificate();
     const std::string refused = "the other end refuses our certificate " + describe(certificate);
@@ -84,8 +99,7 @@ std::string TlsDiagnosis::explainAlert(int alert) const {
         case TLS1_AD_UNKNOWN_CA:
             return refused + ": it does not know the authority " + describeIssuer(certificate);
         case SSL3_AD_BAD_CERTIFICATE:
-            return refused + ": it is for " + describeHosts(certificate) +
-                   ", and the other end expected another name or found it damaged";
+            return refused + explainBadCertificate();
         case SSL3_AD_UNSUPPORTED_CERTIFICATE:
             return refused + " as not meant for this end of a connection";
         case TLS13_AD_CERTIFICATE_REQUIRED:

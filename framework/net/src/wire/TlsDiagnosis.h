@@ -31,6 +31,7 @@ class TlsDiagnosis {
   private:
     std::string explainCertificate(int code, X509* certificate) const;
     std::string explainAlert(int alert) const;
+    std::string explainBadCertificate() const;
 
     std::shared_ptr<const Credentials::State> own_;
     std::string expectedHost_;
