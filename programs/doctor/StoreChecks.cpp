@@ -28,6 +28,8 @@ const char* cureOf(std::string_view sentence) {
     };
     if (says("this version reads formats"))
         return "use the version of the programs that wrote the store, or a newer one";
+    if (says("cannot reach"))
+        return "start the database, or name its right address in [store] url";
     if (says("Permission denied"))
         return "give the folder to the user that the program runs as";
     if (says("No such file"))
@@ -48,7 +50,11 @@ std::unique_ptr<ItemStore> openForLooking(Diagnosis& diagnosis, const std::strin
 }
 
 void checkSpace(Diagnosis& diagnosis, ItemStore& store, std::int64_t leastMebibytes) {
-    const std::uint64_t free = store.space().diskFreeBytes / mebibyte;
+    const StoreSpace space = store.space();
+    // The disks of a database are its own people's to watch.
+    if (space.pageBytes == 0)
+        return;
+    const std::uint64_t free = space.diskFreeBytes / mebibyte;
     diagnosis.judge("disk space",
                     free >= static_cast<std::uint64_t>(leastMebibytes)
                         ? ""

@@ -89,6 +89,18 @@ TEST_F(SharedDatabase, ToolsWorkOnIt) {
     EXPECT_EQ(run({"store", "backup", "--store", url_, "--out", folder_ / "backup"}).code, 64);
 }
 
+TEST_F(SharedDatabase, DoctorFindsTheStoreWellAndTellsWhenItIsAway) {
+    SharedDaemon daemon(folder_.path(), "one", url_);
+    ASSERT_TRUE(daemon.start()) << daemon.log();
+    const ProcessResult well = run({"doctor", "--config", daemon.config()});
+    EXPECT_EQ((well.out + well.err).find("disk"), std::string::npos) << well.out << well.err;
+    EXPECT_EQ((well.out + well.err).find("the database"), std::string::npos) << well.out << well.err;
+    setKey(daemon.config(), "url", "\"postgresql://qel@localhost:1/postgres?sslmode=disable\"");
+    const ProcessResult away = run({"doctor", "--config", daemon.config()});
+    EXPECT_EQ(away.code, 1);
+    EXPECT_NE((away.out + away.err).find("start the database"), std::string::npos) << away.out << away.err;
+}
+
 TEST_F(SharedDatabase, DaemonWithAnotherSiteKeyIsRefused) {
     SharedDaemon one(folder_.path(), "one", url_);
     SharedDaemon stranger(folder_.path(), "stranger", url_);
