@@ -51,6 +51,7 @@ foreach(section 1 5 8)
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT man)
 endforeach()
 
-file(GLOB samples CONFIGURE_DEPENDS packaging/*.toml packaging/*.yml packaging/*.json packaging/*.default)
+file(GLOB samples CONFIGURE_DEPENDS packaging/*.toml packaging/*.yml packaging/*.json packaging/*.default
+  packaging/postgresql/*.sql)
 install(FILES ${samples} DESTINATION ${CMAKE_INSTALL_DATADIR}/qel-audit COMPONENT samples)
 install(FILES packaging/completion/qel-audit DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT programs)
