@@ -1,5 +1,6 @@
 #include "auditing/AuditExport.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -7,6 +8,7 @@
 #include <filesystem>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "audit/Commands.h"
 #include "common/CentralStore.h"
@@ -62,6 +64,66 @@ class NewFile {
     std::string file_;
     bool direct_ = false;
     bool done_ = false;
+};
+
+/// Takes what is exported to a device or a pipe through a pipe of its own, to see whether it got there.
+class Passage {
+  public:
+    explicit Passage(const std::string& file) : file_(file) {
+        const int out = ::open(file.c_str(), O_WRONLY | O_CLOEXEC);
+        if (out < 0)
+            throw systemFailure(exitCannotCreate, file, errno);
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) {
+            ::close(out);
+            throw systemFailure(exitInputOutput, file, errno);
+        }
+        in_ = ends[1];
+        thread_ = std::thread([this, from = ends[0], out] { pass(from, out); });
+    }
+    ~Passage() { end(); }
+    Passage(const Passage&) = delete;
+    Passage& operator=(const Passage&) = delete;
+
+    std::string path() const { return "/dev/fd/" + std::to_string(in_); }
+
+    /// Nothing more comes; throws Failure(74) when not all of it could be written.
+    void finish() {
+        end();
+        if (error_ != 0)
+            throw systemFailure(exitInputOutput, file_, error_);
+    }
+
+  private:
+    void end() {
+        if (!thread_.joinable())
+            return;
+        ::close(in_);
+        thread_.join();
+    }
+    // After an error the rest is taken all the same: whoever writes must come to an end.
+    void pass(int from, int out) {
+        std::vector<char> piece(1 << 16);
+        ssize_t count = 0;
+        while ((count = ::read(from, piece.data(), piece.size())) > 0 || (count < 0 && errno == EINTR)) {
+            for (ssize_t done = 0; done < count && error_ == 0;) {
+                const ssize_t written =
+                    ::write(out, piece.data() + done, static_cast<std::size_t>(count - done));
+                if (written >= 0)
+                    done += written;
+                else if (errno != EINTR)
+                    error_ = errno;
+            }
+        }
+        ::close(from);
+        if (::close(out) != 0 && error_ == 0)
+            error_ = errno;
+    }
+
+    std::string file_;
+    int in_ = -1;
+    int error_ = 0;
+    std::thread thread_;
 };
 
 /// Draws how far a file has grown while another thread's work writes it.
@@ -156,7 +218,13 @@ int runExport(CommandLine& line) {
     const RangeFacts expected = countFirst(target.path, *from, *to, line.quiet());
     {
         const GrowthBar bar(file.path(), expected.bytes, line.quiet());
-        AuditExport::exportCSV(file.path().c_str(), target.path, from->first, to->last);
+        if (file.isDirect()) {
+            Passage passage(out);
+            AuditExport::exportCSV(passage.path().c_str(), target.path, from->first, to->last);
+            passage.finish();
+        } else {
+            AuditExport::exportCSV(file.path().c_str(), target.path, from->first, to->last);
+        }
     }
     FileFacts found{0, expected.lines(), true};
     if (!file.isDirect())

@@ -72,6 +72,9 @@ TEST_F(FlowTest, ExportReplacesAnOlderFileWholeAndWritesIntoADevice) {
     EXPECT_LT(readTextFile(file).size(), 300u);
     EXPECT_EQ(exportLog("interaction", "/dev/null").code, 0);
     EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+    const test::ProgramResult full = exportLog("interaction", "/dev/full");
+    EXPECT_EQ(full.code, 74);
+    EXPECT_NE(full.err.find("/dev/full: No space left on device"), std::string::npos) << full.err;
 }
 
 TEST_F(FlowTest, SeveralIdentitiesKeepTheirEventsApart) {
