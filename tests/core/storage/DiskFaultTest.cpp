@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <thread>
 
 #include "DiskTap.h"
@@ -164,6 +165,30 @@ TEST_F(DiskFault, AFailedWriteReachesEveryWaiter) {
     EXPECT_TRUE(ItemStore::flush().durable);
     reopen();
     EXPECT_EQ(read(path("key")), "kept");
+}
+
+TEST_F(DiskFault, NothingIsReportedDurableInAStoreThatWasRemoved) {
+    write(path("before"), "v");
+    logging::CaptureSink log;
+    ASSERT_TRUE(std::filesystem::remove(folder_ / "store/data.mdb"));
+    EXPECT_FALSE(store_->store(path("key"), text("lost").bytes()));
+    const CommitResult flushed = ItemStore::flush();
+    EXPECT_FALSE(flushed.durable);
+    EXPECT_NE(flushed.reason.find("was removed"), std::string::npos) << flushed.reason;
+    EXPECT_FALSE(store_->probeCommit().durable);
+}
+
+TEST_F(DiskFault, AStoreThatWasCutIsTold) {
+    for (int i = 0; i < 50; ++i)
+        write(key(path("log"), i), std::string(4000, 'v'));
+    close();
+    const std::string data = folder_ / "store/data.mdb";
+    // The root, which was written last, stays where it is.
+    const auto size = std::filesystem::file_size(data);
+    std::filesystem::resize_file(data, size - 1);
+    logging::CaptureSink log;
+    reopen();
+    EXPECT_TRUE(log.contains(" lacks 1 bytes at its end")) << size;
 }
 
 TEST_F(DiskFault, TheStoreReopensAfterAFatalError) {

@@ -65,6 +65,7 @@ bool LmdbEngine::start(const std::string& path, std::string& reason) {
         return false;
     for (const char* const name : {dataFile, lockFile, pageFile, "shared.gate"})
         folder_.adopt(folder_.file(name), options_.fileMode);
+    tellMissingEnd();
     if (page_.isFirst() && !loadClock(reason))
         return false;
     page_.letOthersIn();
@@ -237,6 +238,12 @@ CommitResult LmdbEngine::commit(const std::vector<const std::vector<Write>*>& wr
     result.durable = lockWriter(result.reason);
     if (!result.durable)
         return result;
+    // The engine would go on in a file without a name, and all of it would be gone with the last process that has it open.
+    if (isRemoved()) {
+        page_.unlockWriter();
+        return {false, "the data file of the store " + folder_.path() +
+                           " was removed; put it back from a backup and start again"};
+    }
     int error = write(writes);
     // A condition that goes away is worth more tries than one: map too small, map grown, environment worn out.
     for (int tries = 0; error != 0 && tries < 8; ++tries) {

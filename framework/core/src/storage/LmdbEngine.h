@@ -51,6 +51,8 @@ class LmdbEngine final : public Engine {
     bool openEnvironment(std::string& reason);
     int tryOpen(std::size_t mapBytes);
     bool loadClock(std::string& reason);
+    void tellMissingEnd() const;
+    bool isRemoved() const;
     void reopen();
     template <typename Action>
     void stopReaders(Action action);

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "qelCore/logging/MessageStream.h"
 #include "storage/LmdbEngine.h"
 
 namespace qel::storage {
@@ -90,6 +91,27 @@ void LmdbEngine::space(StoreSpace& out) {
     struct statvfs system {};
     if (statvfs(folder_.path().c_str(), &system) == 0)
         out.diskFreeBytes = std::uint64_t{system.f_bavail} * system.f_frsize;
+}
+
+// Told before anything is read: where pages in use are missing, reading them ends the process.
+void LmdbEngine::tellMissingEnd() const {
+    int fd = -1;
+    struct stat file {};
+    if (mdb_env_get_fd(environment_, &fd) != 0 || fstat(fd, &file) != 0)
+        return;
+    const std::uint64_t needed = neededBytes(environment_);
+    const auto size = static_cast<std::uint64_t>(file.st_size);
+    if (size < needed)
+        logging::MessageStream(2, 2)
+            << "the data file of the store " << folder_.path() << " lacks " << needed - size
+            << " bytes at its end; unless they were free, it was cut and needs a backup";
+}
+
+bool LmdbEngine::isRemoved() const {
+    int fd = -1;
+    struct stat file {};
+    return environment_ != nullptr && mdb_env_get_fd(environment_, &fd) == 0 && fstat(fd, &file) == 0 &&
+           file.st_nlink == 0;
 }
 
 std::uint64_t LmdbEngine::missingBytes(const std::string& file) {
