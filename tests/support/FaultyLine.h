@@ -17,7 +17,8 @@ class FaultyLine {
         static constexpr std::size_t never = ~std::size_t{0};
         std::size_t cutAfter = never;      ///< bytes, both directions together, then both ends are reset
         std::size_t swallowAfter = never;  ///< bytes, then nothing passes and nobody is told: half-open
-        int delayMilliseconds = 0;         ///< in each direction
+        std::size_t muteAfter = never;  ///< bytes of the service, which is heard no more and goes on hearing
+        int delayMilliseconds = 0;      ///< in each direction
     };
     using Chooser = std::function<Fault(int connection)>;
 

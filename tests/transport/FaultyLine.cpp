@@ -75,6 +75,7 @@ void FaultyLine::relay(int client, Fault fault) {
     const sockaddr_in address = loopback(target_);
     bool open = ::connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     std::size_t passed = 0;
+    std::size_t heard = 0;
     std::deque<Piece> pieces;
     while (open && !stopped_) {
         pollfd ends[] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
@@ -93,8 +94,10 @@ void FaultyLine::relay(int client, Fault fault) {
             std::string bytes = std::move(pieces.front().bytes);
             const int to = pieces.front().to;
             pieces.pop_front();
-            if (passed >= fault.swallowAfter)
+            if (passed >= fault.swallowAfter || (to == client && heard >= fault.muteAfter))
                 continue;
+            if (to == client)
+                heard += bytes.size();
             if (passed + bytes.size() >= fault.cutAfter) {
                 bytes.resize(fault.cutAfter - passed);
                 open = false;
