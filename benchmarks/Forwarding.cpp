@@ -218,21 +218,33 @@ double forwardRate(const std::string& folder, int workstations, long each) {
     return static_cast<double>(each * workstations) / took;
 }
 
-void measure(const char* name, int workstations, long events) {
-    const test::TemporaryFolder folder;
-    issue(folder.path(), workstations);
+// The machine drifts by a third within an hour and the disk within a second: floor and system take turns, and the median
+// of each counts.
+constexpr int rounds = 5;
+
+void measure(const char* name, int workstations, long events, double target) {
     const long each = events / workstations;
-    const double floor = floorRate(folder.path(), workstations, each);
-    const double rate = forwardRate(folder.path(), workstations, each);
+    std::vector<double> floors;
+    std::vector<double> rates;
+    for (int round = 0; round < rounds; ++round) {
+        const test::TemporaryFolder folder;
+        issue(folder.path(), workstations);
+        floors.push_back(floorRate(folder.path(), workstations, each));
+        rates.push_back(forwardRate(folder.path(), workstations, each));
+    }
+    const double floor = bench::median(floors);
+    const double rate = bench::median(rates);
     bench::print((std::string(name) + "_floor").c_str(), floor, "events/s");
-    bench::print(name, rate, "events/s", floor);
+    std::printf("%s %.0f events/s ratio=%.2f target=%.2f %s\n", name, rate, rate / floor, target,
+                rate >= target * floor ? "met" : "missed");
+    std::fflush(stdout);
 }
 
 }  // namespace
 
 int main() {
     const long events = bench::sizeFrom("QEL_BENCH_EVENTS", 400000);
-    measure("forward_1_workstation", 1, events);
-    measure("forward_8_workstations", 8, events);
+    measure("forward_1_workstation", 1, events, 0.3);
+    measure("forward_8_workstations", 8, events, 0.25);
     return 0;
 }

@@ -7,11 +7,13 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <set>
+#include <thread>
 
 namespace qel::bench {
 
@@ -82,6 +84,69 @@ void acknowledge(Connection& connection) {
     connection.acks.clear();
 }
 
+/// A file that several threads append to. What they bring while one of them flushes shares the next flush.
+class SharedFile {
+  public:
+    explicit SharedFile(const std::string& file)
+        : out_(open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)) {
+        require(out_ >= 0, "open");
+    }
+    ~SharedFile() { close(out_); }
+    SharedFile(const SharedFile&) = delete;
+    SharedFile& operator=(const SharedFile&) = delete;
+
+    /// Durable on return.
+    void append(const std::string& bytes) {
+        std::unique_lock lock(mutex_);
+        pending_ += bytes;
+        const std::uint64_t mine = ++appended_;
+        while (durable_ < mine) {
+            if (flushing_)
+                changed_.wait(lock);
+            else
+                flush(lock);
+        }
+    }
+
+  private:
+    void flush(std::unique_lock<std::mutex>& lock) {
+        flushing_ = true;
+        const std::uint64_t last = appended_;
+        taken_.clear();
+        taken_.swap(pending_);
+        lock.unlock();
+        require(write(out_, taken_.data(), taken_.size()) > 0 && fdatasync(out_) == 0, "append");
+        lock.lock();
+        durable_ = last;
+        flushing_ = false;
+        changed_.notify_all();
+    }
+
+    const int out_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::string pending_;
+    std::string taken_;
+    std::uint64_t appended_ = 0;
+    std::uint64_t durable_ = 0;
+    bool flushing_ = false;
+};
+
+void serveOne(SharedFile& out, Connection& connection) {
+    std::string burst;
+    while (connection.open) {
+        pollfd ready{connection.socket, POLLIN, 0};
+        poll(&ready, 1, -1);
+        burst.clear();
+        readAll(connection);
+        takeEvents(connection, burst);
+        if (burst.empty())
+            continue;
+        out.append(burst);
+        acknowledge(connection);
+    }
+}
+
 std::vector<Connection> acceptAll(int listener, int connections, SSL_CTX* context) {
     std::vector<Connection> made;
     for (int i = 0; i < connections; ++i) {
@@ -114,26 +179,12 @@ void serveFloor(const Child::Line& line, int connections, const std::string& cer
             "listen");
     line.say(std::to_string(ntohs(address.sin_port)));
     std::vector<Connection> all = acceptAll(listener, connections, context);
-    const int out = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    std::string pending;
-    while (std::any_of(all.begin(), all.end(), [](const Connection& each) { return each.open; })) {
-        std::vector<pollfd> ready;
-        for (const Connection& each : all)
-            ready.push_back({each.open ? each.socket : -1, POLLIN, 0});
-        poll(ready.data(), ready.size(), -1);
-        pending.clear();
-        for (std::size_t i = 0; i < all.size(); ++i)
-            if (ready[i].revents != 0) {
-                readAll(all[i]);
-                takeEvents(all[i], pending);
-            }
-        if (pending.empty())
-            continue;
-        require(write(out, pending.data(), pending.size()) > 0 && fdatasync(out) == 0, "append");
-        for (Connection& each : all)
-            if (each.open)
-                acknowledge(each);
-    }
+    SharedFile out(file);
+    std::vector<std::thread> threads;
+    for (Connection& each : all)
+        threads.emplace_back([&out, &each] { serveOne(out, each); });
+    for (std::thread& each : threads)
+        each.join();
 }
 
 void sendFloor(const Child::Line& line, int port, long events) {
@@ -153,9 +204,9 @@ void sendFloor(const Child::Line& line, int port, long events) {
     std::string acks;
     char buffer[65536];
     while (sent < all || !inFlight.empty()) {
-        // A whole window at a time: refilled piece by piece, windows decay into crumbs that each cost a flush.
+        // All the room there is goes as one record, as soon as acknowledgements have made it.
         std::string data;
-        while (inFlight.empty() ? sent < all : !data.empty() && sent < all && inFlight.size() < floorWindow) {
+        while (sent < all && inFlight.size() < floorWindow) {
             char event[floorEvent] = {};
             std::memcpy(event, &sent, sizeof sent);
             data.append(event, floorEvent);

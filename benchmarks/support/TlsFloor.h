@@ -8,9 +8,10 @@
 
 #include "support/Child.h"
 
-/// The floor of forwarding: nothing but TLS 1.3 over loopback with a window of 64 numbered events, and a file that they
-/// are appended to, one by one, and that is flushed before their acknowledgements leave, each with its number. Whatever
-/// can be read without blocking, from all connections, shares one flush; what goes one way goes in one TLS record.
+/// The floor of forwarding: nothing but TLS 1.3 over loopback with a window of 64 numbered events in flight, and a file
+/// that each burst, which is what could be read without blocking, is appended to and that is flushed before the burst's
+/// acknowledgements leave. One thread per connection; bursts that come while a flush is running share the next. What goes
+/// one way goes in one TLS record.
 namespace qel::bench {
 
 /// Bytes of an event on the wire and in the file: its number and its content.
