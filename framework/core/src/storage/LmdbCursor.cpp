@@ -70,7 +70,7 @@ bool LmdbCursor::begin(int& error) {
     return false;
 }
 
-bool LmdbCursor::find(MDB_val& key, MDB_cursor_op op) {
+bool LmdbCursor::place(MDB_val& key, MDB_cursor_op op) {
     MDB_val value;
     const int error = mdb_cursor_get(cursor_, &key, &value, op);
     positioned_ = error == 0;
@@ -86,7 +86,7 @@ bool LmdbCursor::find(MDB_val& key, MDB_cursor_op op) {
 
 bool LmdbCursor::seek(Bytes key) {
     MDB_val wanted{key.size(), const_cast<char*>(key.data())};
-    return find(wanted, MDB_SET_RANGE);
+    return place(wanted, MDB_SET_RANGE);
 }
 
 bool LmdbCursor::seekBefore(Bytes key) {

@@ -27,7 +27,7 @@ class LmdbCursor final : public EngineCursor {
   private:
     bool begin(int& error);
     bool move(MDB_cursor_op op);
-    bool find(MDB_val& key, MDB_cursor_op op);
+    bool place(MDB_val& key, MDB_cursor_op op);
 
     LmdbEngine& engine_;
     MDB_txn* transaction_ = nullptr;

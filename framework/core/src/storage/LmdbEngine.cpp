@@ -18,7 +18,7 @@ namespace {
 
 // Threads that read at one time, of all processes together. The lock file holds 64 bytes for each.
 constexpr unsigned readerSlots = 2046;
-constexpr std::size_t lockFileBytes = 64 * (readerSlots + 2);
+constexpr std::size_t lockFileBytes = std::size_t{64} * (readerSlots + 2);
 constexpr std::size_t smallestMap = std::size_t{64} << 20;
 // A waiting writer looks up at least this often whether the store closes.
 constexpr unsigned lockStepMilliseconds = 200;
