@@ -95,7 +95,7 @@ bool LmdbCursor::seekBefore(Bytes key) {
 
 bool LmdbCursor::move(MDB_cursor_op op) {
     MDB_val key;
-    return find(key, op);
+    return place(key, op);
 }
 
 }  // namespace qel::storage
