@@ -3,6 +3,7 @@
 
 set -euo pipefail
 export LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
+self=$(realpath "$0")
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 cd "$root"
 logs=$root/build/logs
@@ -14,6 +15,18 @@ as_root() {
 
 die() {
     echo "$(basename "$0"): $*" >&2
+    exit 1
+}
+
+# usage ARGUMENT: ends the script with the comment at its head, as the answer to --help or to an argument it does not know.
+usage() {
+    local text
+    text=$(sed -n '2,${/^#/!q;s/^# \{0,1\}//p}' "$self")
+    if [ "$1" = --help ]; then
+        echo "$text"
+        exit 0
+    fi
+    echo "$(basename "$0"): unknown argument: $1"$'\n'"$text" >&2
     exit 1
 }
 
