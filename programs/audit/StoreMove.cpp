@@ -19,6 +19,47 @@ void createParent(const std::string& file) {
         createFolder(parent.string());
 }
 
+std::unique_ptr<ItemStore> openCopyTarget(const std::string& url) {
+    StoreOptions options;
+    // What the source's daemon took, the copy takes too.
+    options.valueLimit = options.pendingLimit / 2;
+    std::string reason;
+    std::unique_ptr<ItemStore> target = ItemStore::open(url, options, reason);
+    if (!target)
+        throw Failure(exitCannotCreate, reason);
+    return target;
+}
+
+// Where the source itself is lost, the reason for that is told, not the missing trace.
+void leaveTraceIfPossible(CentralStore& central, const StoreTools::CopyOutcome& outcome) {
+    try {
+        central.leaveTrace("copy", "all", LLONG_MIN, LLONG_MAX, outcome.added, 0);
+    } catch (const Failure& failure) {
+        static_cast<void>(failure);
+    }
+}
+
+void tellCopy(Output& output, const StoreTools::CopyOutcome& outcome, double seconds) {
+    output.message(
+        (outcome.resumed ? "went on and copied " : "copied ") + grouped(outcome.added) + " entries, " +
+        rateOf(outcome.added, seconds) + "; compared " + grouped(outcome.entries) + ": " +
+        (outcome.isSame() ? "both stores hold the same, SHA-256 " + outcome.checksum : "they differ"));
+    if (!outcome.isSame())
+        output.warning(grouped(outcome.differing) + " entries have other content at the target, " +
+                       grouped(outcome.extra) + " are there only, " + grouped(outcome.missing) +
+                       " are missing there");
+    output.result().add("copied", static_cast<std::int64_t>(outcome.added));
+    output.result().add("resumed", outcome.resumed);
+    output.result().add("entries", static_cast<std::int64_t>(outcome.entries));
+    output.result().add("targetEntries", static_cast<std::int64_t>(outcome.targetEntries));
+    output.result().add("bytes", static_cast<std::int64_t>(outcome.bytes));
+    output.result().add("differing", static_cast<std::int64_t>(outcome.differing));
+    output.result().add("extra", static_cast<std::int64_t>(outcome.extra));
+    output.result().add("missing", static_cast<std::int64_t>(outcome.missing));
+    output.result().add("checksum", outcome.checksum);
+    output.result().add("targetChecksum", outcome.targetChecksum);
+}
+
 }  // namespace
 
 int runStoreBackup(CommandLine& line) {
@@ -95,11 +136,14 @@ int runStoreCopy(CommandLine& line) {
     std::string from;
     std::string to;
     line.describe(
-        "Copies every entry of a store into another one, which is made when it does not exist; equal keys "
-        "are "
-        "replaced. What is written to the first meanwhile may be missing: stop its daemon before a move. A "
-        "copy "
-        "of a central log leaves an event in its audit trail.");
+        "Copies every entry of a store into another one, which is made when it does not exist, and compares "
+        "both at the end: number, content and checksum. What the target has is never changed: entries "
+        "with other content there, or that only the target has, are printed, and the exit code is 1 then. "
+        "Cut off, it goes on behind what is durable when it is run again; 75 says that a database "
+        "was lost on the way. Both stores may be in use; stop the daemon of the first before a move, for "
+        "what "
+        "it writes after the comparison stays behind. A copy of a central log leaves an event in its audit "
+        "trail.");
     line.requiredText("--from", "URL", from, "store to read");
     line.requiredText("--to", "URL", to, "store to write");
     line.example("qel-audit store copy --from lmdb:store --to postgresql://db/logs");
@@ -111,26 +155,29 @@ int runStoreCopy(CommandLine& line) {
     const bool trail = central.keepsTrail();
     if (trail)
         central.requireTrace();
-    std::string reason;
-    const std::unique_ptr<ItemStore> target = ItemStore::open(to, StoreOptions(), reason);
-    if (!target)
-        throw Failure(exitCannotCreate, reason);
-    Progress progress("copying", central.store().space().entries, line.quiet());
-    const StoreTools::Outcome outcome = StoreTools::copy(central.store(), *target, [&](std::uint64_t done) {
-        progress.update(done);
-        return true;
-    });
-    if (!outcome.result)
-        throw Failure(exitInputOutput,
-                      outcome.result.reason + "; " + grouped(outcome.entries) + " entries were copied");
+    const std::unique_ptr<ItemStore> target = openCopyTarget(to);
+    Progress progress("copying and comparing", 2 * central.store().space().entries, line.quiet());
+    const auto fault = [&](const std::string& key, const std::string& sentence) {
+        output.line(key + ": " + sentence);
+    };
+    const StoreTools::CopyOutcome outcome =
+        StoreTools::copy(central.store(), *target, fault, [&](std::uint64_t done) {
+            progress.show(done);
+            return true;
+        });
+    if (!outcome.result) {
+        if (trail && outcome.added > 0)
+            leaveTraceIfPossible(central, outcome);
+        const bool reachable = central.store().statistics().reachable && target->statistics().reachable;
+        throw Failure(reachable ? exitInputOutput : exitTemporary,
+                      outcome.result.reason + "; " + grouped(outcome.added) +
+                          " entries were copied, and the same command goes on behind them");
+    }
     if (trail)
         central.leaveTrace("copy", "all", LLONG_MIN, LLONG_MAX, outcome.entries, outcome.bytes);
-    output.message("copied " + grouped(outcome.entries) + " entries, " +
-                   rateOf(outcome.entries, progress.seconds()));
-    output.result().add("entries", static_cast<std::int64_t>(outcome.entries));
-    output.result().add("bytes", static_cast<std::int64_t>(outcome.bytes));
+    tellCopy(output, outcome, progress.seconds());
     output.finish();
-    return exitDone;
+    return outcome.isSame() ? exitDone : exitFaultFound;
 }
 
 int runStorePrune(CommandLine& line) {

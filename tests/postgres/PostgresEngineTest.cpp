@@ -364,18 +364,65 @@ TEST(Postgres, AServerThatIsGoneFailsTheCommitAndComesBack) {
 TEST(Postgres, EntriesMoveBetweenTheEngines) {
     const TemporaryFolder folder;
     const auto embedded = openStore("lmdb:" + (folder / "store"));
-    for (long long i = 0; i < 300; ++i)
-        ASSERT_TRUE(embedded->store(key(path("log"), i), text(std::to_string(i)).bytes()));
+    {
+        WriteBatch batch(embedded.get());
+        for (long long i = 0; i < 20000; ++i)
+            ASSERT_TRUE(embedded->store(key(path("log"), i), text(std::to_string(i)).bytes()));
+        ASSERT_TRUE(batch.commit().durable);
+    }
     std::string reason;
     ASSERT_TRUE(embedded->bindSiteKey("aa", reason));
     const auto shared = openStore(freshUrl());
-    EXPECT_TRUE(StoreTools::copy(*embedded, *shared).result.durable);
+    const StoreTools::CopyOutcome there = StoreTools::copy(*embedded, *shared);
+    EXPECT_TRUE(there.result.durable);
+    EXPECT_TRUE(there.isSame());
     EXPECT_EQ(shared->identity().siteKeyFingerprint, "aa");
     const auto back = openStore("lmdb:" + (folder / "back"));
-    const StoreTools::Outcome outcome = StoreTools::copy(*shared, *back);
+    const StoreTools::CopyOutcome outcome = StoreTools::copy(*shared, *back);
     EXPECT_TRUE(outcome.result.durable);
-    EXPECT_EQ(outcome.entries, 300U);
-    EXPECT_EQ(valueAt(*back, key(path("log"), 299)), encoded("299"));
+    EXPECT_TRUE(outcome.isSame());
+    EXPECT_EQ(outcome.entries, 20000U);
+    // Through the database and back, nothing is different.
+    const StoreTools::CopyOutcome compared = StoreTools::copy(*embedded, *back);
+    EXPECT_TRUE(compared.isSame());
+    EXPECT_EQ(compared.added, 0U);
+    EXPECT_EQ(compared.checksum, there.checksum);
+}
+
+TEST(Postgres, ACopyWhoseDatabaseVanishesSaysSoAndGoesOnLater) {
+    logging::CaptureSink log;
+    const TemporaryFolder folder;
+    const auto embedded = openStore("lmdb:" + (folder / "store"));
+    {
+        WriteBatch batch(embedded.get());
+        for (long long i = 0; i < 40000; ++i)
+            ASSERT_TRUE(embedded->store(key(path("log"), i), text(std::to_string(i)).bytes()));
+        ASSERT_TRUE(batch.commit().durable);
+    }
+    PostgresServer server;
+    StoreOptions options;
+    options.patienceMilliseconds = 300;
+    for (const bool isTarget : {true, false}) {
+        const auto shared = openStore(server.storeUrl("vanishes"), options);
+        const auto other = isTarget ? nullptr : openStore("lmdb:" + (folder / "back"));
+        ItemStore& from = isTarget ? *embedded : *shared;
+        ItemStore& to = isTarget ? *shared : *other;
+        const StoreTools::CopyOutcome failed = StoreTools::copy(from, to, {}, [&](std::uint64_t done) {
+            if (done < 20000)
+                server.kill();
+            return true;
+        });
+        EXPECT_FALSE(failed.result.durable);
+        EXPECT_FALSE(failed.result.reason.empty());
+        EXPECT_FALSE(shared->statistics().reachable);
+        server.start();
+        ASSERT_TRUE(waitFor([&] { return shared->probeCommit().durable; }));
+        const StoreTools::CopyOutcome done = StoreTools::copy(from, to);
+        EXPECT_TRUE(done.result.durable) << done.result.reason;
+        EXPECT_TRUE(done.resumed);
+        EXPECT_EQ(done.added, 40000U - failed.added);
+        EXPECT_TRUE(done.isSame());
+    }
 }
 
 TEST(Postgres, TheDaemonNeedsNoRightToRemove) {

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "DiskTap.h"
@@ -117,19 +118,53 @@ void fillTheDisk(const std::string& folder) {
     require(StoreTools::verify(*store, {}).faults == 0, 14);
 }
 
-}  // namespace
+// The same for a copy whose target's disk is too small at first.
+void copyToTheDisk(const std::string& folder, const std::string& sourceUrl) {
+    const SmallDisk disk(folder);
+    const logging::CaptureSink log;
+    std::string reason;
+    const auto source = ItemStore::open(sourceUrl, {}, reason);
+    const auto target = ItemStore::open("lmdb:" + folder + "/store", {}, reason);
+    require(source != nullptr && target != nullptr, 1);
+    const StoreTools::CopyOutcome failed = StoreTools::copy(*source, *target);
+    require(!failed.result.durable, 2);
+    require(failed.result.reason.find("cannot write to the store") != std::string::npos, 3);
+    disk.makeRoom();
+    const StoreTools::CopyOutcome done = StoreTools::copy(*source, *target);
+    require(done.result.durable, 4);
+    require(done.isSame(), 5);
+    require(done.entries == 1000, 6);
+}
 
-TEST_F(DiskFault, FullDiskIsLoudLosesNothingAndPasses) {
-    close();
+int exitCodeOf(const std::function<void()>& work) {
     const pid_t child = fork();
     if (child == 0) {
-        fillTheDisk(folder_ / "small");
+        work();
         _exit(0);
     }
     int status = 0;
     waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "the step with that number failed";
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+TEST_F(DiskFault, FullDiskIsLoudLosesNothingAndPasses) {
+    close();
+    EXPECT_EQ(exitCodeOf([this] { fillTheDisk(folder_ / "small"); }), 0)
+        << "the step with that number failed";
+}
+
+TEST_F(DiskFault, CopyToAFullDiskSaysSoAndGoesOnWhenThereIsRoom) {
+    {
+        WriteBatch batch;
+        for (int i = 0; i < 1000; ++i)
+            write(key(path("log"), i), std::string(3000, 'v'));
+        ASSERT_TRUE(batch.commit().durable);
+    }
+    close();
+    EXPECT_EQ(exitCodeOf([this] { copyToTheDisk(folder_ / "small", url()); }), 0)
+        << "the step with that number failed";
 }
 
 TEST_F(DiskFault, FullDiskAtOpeningIsASentence) {

@@ -167,13 +167,93 @@ TEST_F(Tools, CopyTakesEverythingAlong) {
     const auto target = other("target");
     const auto outcome = StoreTools::copy(*store_, *target);
     EXPECT_TRUE(outcome.result.durable) << outcome.result.reason;
+    EXPECT_TRUE(outcome.isSame());
     EXPECT_EQ(outcome.entries, 3000U);
+    EXPECT_EQ(outcome.added, 3000U);
     EXPECT_EQ(target->identity().siteKeyFingerprint, "ab");
     EXPECT_TRUE(target->logs().at(0).anonymous);
     EXPECT_EQ(target->fetch(key(path("log"), 2999)).view(), text("value 2999").bytes().view());
     const auto foreign = other("foreign");
     ASSERT_TRUE(foreign->bindSiteKey("cd", reason));
     EXPECT_FALSE(StoreTools::copy(*store_, *foreign).result.durable);
+}
+
+TEST_F(Tools, CopyThatWasCutOffGoesOnBehindWhatIsDurable) {
+    fill(40000);
+    const auto target = other("target");
+    const auto stopped = StoreTools::copy(*store_, *target, {}, [](std::uint64_t) { return false; });
+    EXPECT_TRUE(stopped.stopped);
+    EXPECT_GT(stopped.added, 0U);
+    EXPECT_LT(stopped.added, 40000U);
+    // What comes before the place where it goes on is found at the end.
+    write(key(path("log"), -1), "late");
+    const auto outcome = StoreTools::copy(*store_, *target);
+    EXPECT_TRUE(outcome.resumed);
+    EXPECT_EQ(outcome.added, 40001U - stopped.added);
+    EXPECT_EQ(outcome.entries, 40001U);
+    EXPECT_TRUE(outcome.isSame());
+    const auto again = StoreTools::copy(*store_, *target);
+    EXPECT_FALSE(again.resumed) << "a whole copy leaves no mark";
+    EXPECT_EQ(again.added, 0U);
+    EXPECT_EQ(again.checksum, outcome.checksum);
+}
+
+TEST_F(Tools, MarkOfAnotherSourceIsNotFollowed) {
+    fill(40000);
+    const auto target = other("target");
+    ASSERT_TRUE(StoreTools::copy(*store_, *target, {}, [](std::uint64_t) { return false; }).stopped);
+    const auto second = other("second");
+    ASSERT_TRUE(second->store(key(path("other"), 1), text("v").bytes()));
+    EXPECT_FALSE(StoreTools::copy(*second, *target).resumed);
+}
+
+TEST_F(Tools, CopyTellsWhatDiffersAndLeavesItAlone) {
+    fill(20);
+    const auto target = other("target");
+    ASSERT_TRUE(target->store(key(path("log"), 5), text("their own").bytes()));
+    ASSERT_TRUE(target->store(key(path("log"), 7), text("value 7").bytes()));
+    ASSERT_TRUE(target->store(key(path("log"), 100), text("more").bytes()));
+    std::vector<std::string> told;
+    const auto outcome = StoreTools::copy(
+        *store_, *target,
+        [&](const std::string& at, const std::string& sentence) { told.push_back(at + " " + sentence); });
+    EXPECT_TRUE(outcome.result.durable);
+    EXPECT_FALSE(outcome.isSame());
+    EXPECT_NE(outcome.checksum, outcome.targetChecksum);
+    EXPECT_EQ(outcome.added, 18U);
+    EXPECT_EQ(outcome.differing, 1U);
+    EXPECT_EQ(outcome.extra, 1U);
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_EQ(told[0], "[\"log\",5] has other content at the target, which was left as it is");
+    EXPECT_EQ(told[1], "[\"log\",100] is at the target only");
+    EXPECT_EQ(target->fetch(key(path("log"), 5)).view(), text("their own").bytes().view());
+}
+
+TEST_F(Tools, CopyIsRefusedWhereALogOfThatNameLiesElsewhere) {
+    fill(3);
+    ASSERT_TRUE(store_->setLog({"audit", path("log"), StoreLog::Kind::central, false}).durable);
+    const auto target = other("target");
+    ASSERT_TRUE(target->setLog({"audit", path("elsewhere"), StoreLog::Kind::central, false}).durable);
+    const auto outcome = StoreTools::copy(*store_, *target);
+    EXPECT_NE(outcome.result.reason.find("another log by the name \"audit\", at [\"elsewhere\"]"),
+              std::string::npos)
+        << outcome.result.reason;
+    EXPECT_TRUE(target->fetch(key(path("log"), 1)).isNull());
+}
+
+TEST_F(Tools, SourceMayBeWrittenWhileItIsCopied) {
+    fill(20000);
+    const auto target = other("target");
+    std::uint64_t last = 0;
+    const auto outcome = StoreTools::copy(*store_, *target, {}, [&](std::uint64_t done) {
+        for (std::uint64_t i = last; i < done; i += 1000)
+            write(key(path("more"), static_cast<long long>(i)), "meanwhile");
+        last = done;
+        return true;
+    });
+    EXPECT_TRUE(outcome.result.durable);
+    EXPECT_TRUE(outcome.isSame());
+    EXPECT_GE(outcome.entries, 20000U);
 }
 
 TEST_F(EmbeddedTools, StoreOfANewerFormatIsRefused) {

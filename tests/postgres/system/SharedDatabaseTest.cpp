@@ -4,6 +4,7 @@
 #include <set>
 
 #include "postgres/system/SharedSite.h"
+#include "qelCore/ItemStore.h"
 
 namespace qel::test {
 namespace {
@@ -87,6 +88,50 @@ TEST_F(SharedDatabase, ToolsWorkOnIt) {
     EXPECT_EQ(pruned.code, 0) << pruned.err;
     EXPECT_EQ(lines().size(), 300U);
     EXPECT_EQ(run({"store", "backup", "--store", url_, "--out", folder_ / "backup"}).code, 64);
+}
+
+TEST_F(SharedDatabase, ACopyThatIsKilledGoesOnWhenItIsRunAgain) {
+    constexpr int entries = 120000;
+    const std::string source = "lmdb:" + (folder_ / "source");
+    {
+        std::string reason;
+        const auto store = ItemStore::open(source, {}, reason);
+        ASSERT_NE(store, nullptr) << reason;
+        WriteBatch batch(store.get());
+        Item at;
+        at.addString("log");
+        for (long long i = 0; i < entries; ++i) {
+            Item key = at;
+            key.addInteger(i);
+            ASSERT_TRUE(store->store(key, key.bytes()));
+        }
+        ASSERT_TRUE(batch.commit().durable);
+    }
+    const auto stored = [&] {
+        return std::atoi(sql("SELECT count(*) FROM qel_items WHERE get_byte(key, 0) <> 2").c_str());
+    };
+    const std::vector<std::string> command{
+        program("qel-audit"), "store", "copy", "--json", "--from", source, "--to", url_};
+    ASSERT_EQ(sql("SELECT to_regclass('qel_items') IS NULL"), "t\n");
+    Process copying(command, folder_.path(), "copy");
+    ASSERT_TRUE(
+        waitFor([&] { return sql("SELECT to_regclass('qel_items') IS NOT NULL") == "t\n" && stored() > 0; }));
+    copying.kill();
+    const int before = stored();
+    EXPECT_LT(before, entries);
+    const ProcessResult done = runProgram(command, folder_.path(), std::chrono::seconds(120));
+    EXPECT_EQ(done.code, 0) << done.err;
+    EXPECT_NE(done.out.find("\"resumed\":true"), std::string::npos) << done.out;
+    EXPECT_EQ(done.out.find("\"copied\":" + std::to_string(entries)), std::string::npos) << done.out;
+    EXPECT_NE(done.out.find("\"entries\":" + std::to_string(entries)), std::string::npos) << done.out;
+    EXPECT_EQ(stored(), entries);
+    sql("UPDATE qel_items SET value = '\\x0c' WHERE key = (SELECT max(key) FROM qel_items)");
+    const ProcessResult differs = runProgram(command, folder_.path(), std::chrono::seconds(120));
+    EXPECT_EQ(differs.code, 1) << differs.out;
+    EXPECT_NE(differs.out.find("\"differing\":1"), std::string::npos) << differs.out;
+    const ProcessResult away = audit(folder_.path(), {"store", "copy", "--from", source, "--to",
+                                                      "postgresql://qel@localhost:1/x?sslmode=disable"});
+    EXPECT_EQ(away.code, 73) << away.err;
 }
 
 TEST_F(SharedDatabase, DoctorFindsTheStoreWellAndTellsWhenItIsAway) {

@@ -46,10 +46,39 @@ class QELCORE_EXPORT StoreTools {
     static CommitResult restore(const std::string& file, const std::string& path,
                                 const StoreOptions& options = {});
 
-    /// Copies every entry, the names of the logs and the store's identity into another open store, in durable
-    /// batches; equal keys are replaced. Refused when the target belongs to another site key. What is written to
-    /// the source meanwhile behind the walk is not copied.
-    static Outcome copy(ItemStore& from, ItemStore& to, const Progress& progress = {});
+    /// What `copy` did and found.
+    struct CopyOutcome {
+        /// Whether it came to its end. If not, a later call goes on behind what it had made durable.
+        CommitResult result;
+        /// Went on where an earlier call from the same store had ended.
+        bool resumed = false;
+        /// `progress` ended it.
+        bool stopped = false;
+        /// Written to the target by this call.
+        std::uint64_t added = 0;
+        /// Compared at the end, at the source and at the target, and their bytes at the source.
+        std::uint64_t entries = 0;
+        std::uint64_t targetEntries = 0;
+        std::uint64_t bytes = 0;
+        /// Keys with other content at the target, keys that only the target has, and keys that it lacks all the same.
+        std::uint64_t differing = 0;
+        std::uint64_t extra = 0;
+        std::uint64_t missing = 0;
+        /// SHA-256 over the entries of source and target as they were compared.
+        std::string checksum;
+        std::string targetChecksum;
+
+        bool isSame() const { return entries == targetEntries && checksum == targetChecksum; }
+    };
+
+    /// Copies every entry, the names of the logs and the store's identity into another open store, in durable batches, and
+    /// compares both at the end, entry by entry. What the target has is never changed: a key with other content there is
+    /// told to `fault`, as are keys that only the target has (a few of them by name). Refused when the target
+    /// belongs to another site key or has another log by the same name. Both may be in use; what is written to the source
+    /// meanwhile behind the last walk is not copied, and what others write to the target is told as extra. `progress` is
+    /// given the entries walked over, each up to twice.
+    static CopyOutcome copy(ItemStore& from, ItemStore& to, const Fault& fault = {},
+                            const Progress& progress = {});
 };
 
 }  // namespace qel

@@ -13,6 +13,7 @@
 #include "qelCore/ItemStore.h"
 #include "qelCore/String.h"
 #include "storage/LmdbEngine.h"
+#include "storage/StoreCopy.h"
 #include "storage/StoreCore.h"
 #include "storage/StoreFolder.h"
 
@@ -22,7 +23,6 @@ namespace {
 
 // Steps between two calls of the progress function.
 constexpr std::uint64_t progressStep = 4096;
-constexpr std::size_t copyBatchBytes = std::size_t{4} << 20;
 
 bool goesOn(StoreTools::Outcome& outcome, const StoreTools::Progress& progress) {
     if (progress && outcome.entries % progressStep == 0 && !progress(outcome.entries))
@@ -84,20 +84,6 @@ void check(ItemStore& store, const Item& key, const Item& before, StoreTools::Ou
     outcome.bytes += key.size() + value.size();
     if (!Item::isWellFormed(value))
         tell("the value of " + std::to_string(value.size()) + " bytes does not decode");
-}
-
-bool copyIdentity(ItemStore& from, ItemStore& to, CommitResult& result) {
-    const StoreIdentity identity = from.identity();
-    if (!identity.siteKeyFingerprint.empty())
-        result.durable = to.bindSiteKey(identity.siteKeyFingerprint, result.reason);
-    if (result && !identity.queueIdentity.empty())
-        result.durable = to.bindQueueIdentity(identity.queueIdentity, result.reason);
-    if (result)
-        result = to.setSite(identity.site);
-    for (const StoreLog& log : from.logs())
-        if (result)
-            result = to.setLog(log);
-    return result.durable;
 }
 
 }  // namespace
@@ -172,29 +158,9 @@ CommitResult StoreTools::restore(const std::string& file, const std::string& pat
     return result;
 }
 
-StoreTools::Outcome StoreTools::copy(ItemStore& from, ItemStore& to, const Progress& progress) {
-    Outcome outcome;
-    if (!copyIdentity(from, to, outcome.result))
-        return outcome;
-    WriteBatch batch(&to);
-    Item key;
-    while (outcome.result && goesOn(outcome, progress) && from.nextKey(key)) {
-        const ConstByteSpan value = from.fetch(key);
-        if (value.isNull())
-            continue;  // removed since the step
-        if (!to.store(key, value)) {
-            to.accepts(key, value.size(), &outcome.result.reason);
-            outcome.result.durable = false;
-            break;
-        }
-        ++outcome.entries;
-        outcome.bytes += key.size() + value.size();
-        if (batch.bytes() >= copyBatchBytes)
-            outcome.result = batch.commit();
-    }
-    if (outcome.result)
-        outcome.result = batch.commit();
-    return outcome;
+StoreTools::CopyOutcome StoreTools::copy(ItemStore& from, ItemStore& to, const Fault& fault,
+                                         const Progress& progress) {
+    return storage::StoreCopy(from, *from.core_, to, *to.core_, fault, progress).run();
 }
 
 }  // namespace qel
