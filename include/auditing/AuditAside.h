@@ -2,6 +2,8 @@
 
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "auditing/Export.h"
 #include "qelCore/ConstByteSpan.h"
@@ -35,6 +37,10 @@ class QELAUDITING_EXPORT AuditAside {
     /// Keeps a copy of what stands under `key`, an entry of `log`, with its raw value. False when the limit
     /// is reached. As durable as any other write of this thread.
     static bool keep(AsideReason reason, const Item& log, const Item& key, ConstByteSpan value);
+
+    /// What `keep` would store: keys and values. Empty when the limit is reached.
+    static std::vector<std::pair<Item, Item>> entriesFor(AsideReason reason, const Item& log, const Item& key,
+                                                         ConstByteSpan value);
 
     /// How many entries are kept for `log`; costs one look-up, not a walk.
     static long long count(AsideReason reason, const Item& log);

@@ -63,6 +63,8 @@ class QELAUDITING_EXPORT AuditService : public Service {
     AuditServiceStatistics& getStatistics() const { return *statistics_; }
 
   private:
+    friend class AuditSession;
+
     Item path_;
     bool anonymous_;
     Listener listener_;

@@ -2,6 +2,7 @@
 #include "common/Failure.h"
 #include "common/Output.h"
 #include "common/Site.h"
+#include "qelCore/ItemStore.h"
 
 namespace qel::programs {
 
@@ -43,8 +44,9 @@ int runInit(CommandLine& line) {
     if (server.empty())
         return line.usageError("--server is empty, expected a name or an IP address");
 
-    if (!store.empty() && store.rfind("lmdb:", 0) != 0 && store.rfind("postgresql://", 0) != 0)
-        return line.usageError("--store \"" + store + "\", expected lmdb:PATH or postgresql://…");
+    std::string reason;
+    if (!store.empty() && !ItemStore::checkUrl(store, reason))
+        return line.usageError("--store: " + reason);
 
     Output output(line.name(), line.quiet(), line.json());
     const Site site(folder);

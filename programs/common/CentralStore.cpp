@@ -40,14 +40,14 @@ std::string machine() {
 }  // namespace
 
 std::unique_ptr<ItemStore> openStore(const std::string& url, bool readOnly) {
+    std::string reason;
+    if (!ItemStore::checkUrl(url, reason))
+        throw Failure(exitUsage, reason);
     if (url.rfind(embedded, 0) == 0)
         requireFolder(storeFolder(url), readOnly);
-    else if (url.rfind("postgresql://", 0) != 0)
-        throw Failure(exitUsage, "--store \"" + url + "\", expected lmdb:PATH or postgresql://…");
     StoreOptions options;
     options.create = false;
     options.readOnly = readOnly;
-    std::string reason;
     std::unique_ptr<ItemStore> store = ItemStore::open(url, options, reason);
     if (!store)
         throw Failure(exitInputMissing, reason);

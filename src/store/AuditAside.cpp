@@ -70,12 +70,13 @@ std::size_t pieceSize(const Item& key) {
 }
 
 /// An entry: [key, bytes of the value]; bytes that did not fit lie in pieces one element below it, under 0, 1, ….
-void storeEntry(const Item& entry, const Item& key, std::string_view value) {
+std::vector<std::pair<Item, Item>> encodeEntry(const Item& entry, const Item& key, std::string_view value) {
     const std::size_t size = pieceSize(key);
+    std::vector<std::pair<Item, Item>> out;
     Item first;
     first.addItem(key);
     first.addBytes(value.data(), std::min(size, value.size()));
-    entry.store(first);
+    out.emplace_back(entry, first);
     long long number = 0;
     for (std::size_t done = size; done < value.size(); done += size) {
         const std::string_view part = value.substr(done, size);
@@ -83,8 +84,9 @@ void storeEntry(const Item& entry, const Item& key, std::string_view value) {
         piece.addBytes(part.data(), part.size());
         Item pieceKey(entry);
         pieceKey.addInteger(number++);
-        pieceKey.store(piece);
+        out.emplace_back(pieceKey, piece);
     }
+    return out;
 }
 
 /// Appends the pieces below an entry.
@@ -114,15 +116,22 @@ bool readEntry(const Item& position, AsideEntry& entry) {
 
 }  // namespace
 
-bool AuditAside::keep(AsideReason reason, const Item& log, const Item& key, ConstByteSpan value) {
+std::vector<std::pair<Item, Item>> AuditAside::entriesFor(AsideReason reason, const Item& log,
+                                                          const Item& key, ConstByteSpan value) {
     // Copied first: the bytes may be those of a fetch, which the look-up below makes invalid.
     const std::string kept(value.view());
     const Item path = folder(reason, log);
     const long long number = countIn(path);
     if (number >= limit)
-        return false;
-    storeEntry(entryKey(path, number, System::getUTCDateTimeUnique()), key, kept);
-    return true;
+        return {};
+    return encodeEntry(entryKey(path, number, System::getUTCDateTimeUnique()), key, kept);
+}
+
+bool AuditAside::keep(AsideReason reason, const Item& log, const Item& key, ConstByteSpan value) {
+    const auto entries = entriesFor(reason, log, key, value);
+    for (const auto& [place, content] : entries)
+        place.store(content);
+    return !entries.empty();
 }
 
 long long AuditAside::count(AsideReason reason, const Item& log) {

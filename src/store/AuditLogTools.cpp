@@ -1,11 +1,13 @@
 #include "auditing/AuditLogTools.h"
 
 #include <limits>
+#include <memory>
 
 #include "qelCore/ItemStore.h"
 #include "qelCore/String.h"
 #include "qelCore/System.h"
 #include "store/AuditRecord.h"
+#include "store/RecordGuard.h"
 
 namespace qel {
 
@@ -145,8 +147,12 @@ unsigned long long AuditLogTools::verify(const Item& log, LogShape shape, const 
 
 void AuditLogTools::appendCentral(const Item& log, const Item& origin, unsigned originChecksum,
                                   const Item& event) {
-    record::centralKey(log, System::getUTCDateTimeUnique(), originChecksum)
-        .store(record::centralValue(origin, event));
+    ItemStore* const store = ItemStore::current();
+    if (store == nullptr)
+        return;
+    // Times are unique within this process only: somebody's use of another daemon may carry the same one.
+    store->store(record::centralKey(log, System::getUTCDateTimeUnique(), originChecksum),
+                 record::centralValue(origin, event).bytes(), std::make_shared<RecordGuard>(log));
 }
 
 unsigned AuditLogTools::originChecksum(const unsigned char userBlock[32],

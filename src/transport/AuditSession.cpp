@@ -1,8 +1,7 @@
 #include "transport/AuditSession.h"
 
-#include <string>
+#include <utility>
 
-#include "auditing/AuditAside.h"
 #include "auditing/AuditProtocol.h"
 #include "auditing/AuditService.h"
 #include "qelCore/ItemStore.h"
@@ -11,6 +10,7 @@
 #include "qelCore/logging/MessageStream.h"
 #include "qelNet/Peer.h"
 #include "store/AuditRecord.h"
+#include "store/RecordGuard.h"
 
 namespace qel {
 
@@ -26,6 +26,12 @@ void AuditSession::peerAttached() {
     originChecksum_ = record::originChecksum(peer.getUserBlock().data(), peer.getDeviceBlock().data());
     origin_ = record::origin(peer.getUserName().c_str(), peer.getDeviceName().c_str(), originChecksum_,
                              auditService().isAnonymous());
+    guard_ = std::make_shared<RecordGuard>(
+        auditService().getPath(), [statistics = auditService().statistics_](RecordGuard::Met met) {
+            statistics->retransmitted.fetch_add(1, std::memory_order_relaxed);
+            if (met == RecordGuard::Met::other)
+                statistics->overwritten.fetch_add(1, std::memory_order_relaxed);
+        });
 }
 
 bool AuditSession::packetReceived(Packet* packet) {
@@ -46,9 +52,7 @@ bool AuditSession::store(long long time, const Item& event) {
     const Item key = record::centralKey(service.getPath(), time, originChecksum_);
     const Item value = record::centralValue(origin_, event);
     ItemStore* const store = ItemStore::current();
-    if (store != nullptr && store->accepts(key, value.bytes().size()))
-        noteWhatStoodThere(key, value);
-    if (store == nullptr || !store->store(key, value.bytes())) {
+    if (store == nullptr || !store->store(key, value.bytes(), guard_)) {
         service.getStatistics().refused.fetch_add(1, std::memory_order_relaxed);
         return false;
     }
@@ -56,23 +60,6 @@ bool AuditSession::store(long long time, const Item& event) {
     if (service.getListener())
         service.getListener()(origin_, time);
     return true;
-}
-
-/// A record under the same key is usually the same event, sent again because its acknowledgement was lost. Any other
-/// content is evidence of a fault (a restored queue, a doubled identity) and must not vanish under the newer one.
-void AuditSession::noteWhatStoodThere(const Item& key, const Item& record) {
-    const ConstByteSpan older = key.fetch();
-    if (older.isNull())
-        return;
-    AuditServiceStatistics& statistics = auditService().getStatistics();
-    statistics.retransmitted.fetch_add(1, std::memory_order_relaxed);
-    if (older.view() == record.bytes().view())
-        return;
-    statistics.overwritten.fetch_add(1, std::memory_order_relaxed);
-    const std::string kept(older.view());
-    AuditAside::keep(AsideReason::overwritten, auditService().getPath(), key, ConstByteSpan(kept));
-    logging::MessageStream(2, 2) << "record overwritten with other content, the older one is kept aside: "
-                                 << key.asString();
 }
 
 void AuditSession::acknowledge(long long time) {

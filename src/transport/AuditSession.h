@@ -1,6 +1,9 @@
 #pragma once
 
+#include <memory>
+
 #include "qelCore/Item.h"
+#include "qelCore/ItemStore.h"
 #include "qelCore/Object.h"
 #include "qelNet/Session.h"
 
@@ -24,11 +27,11 @@ class AuditSession : public Session {
     AuditService& auditService() const;
     /// False when the store refused it, which concerns no other event.
     bool store(long long time, const Item& event);
-    void noteWhatStoodThere(const Item& key, const Item& record);
     void acknowledge(long long time);
 
     unsigned originChecksum_ = 0;
     Item origin_;
+    std::shared_ptr<OverwriteGuard> guard_;
 };
 
 }  // namespace qel

@@ -1,6 +1,7 @@
 #include "storage/PostgresEngine.h"
 
 #include <atomic>
+#include <map>
 #include <thread>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "qelCore/StoreTools.h"
 #include "qelCore/System.h"
 #include "qelCore/logging/CaptureSink.h"
+#include "support/KeepingGuard.h"
 
 using namespace qel;
 using namespace qel::test;
@@ -181,39 +183,70 @@ TEST(Postgres, AWalkReadsAheadInGrowingPages) {
     EXPECT_LT(engine->pagesRead - before, 100U);
 }
 
-// The daemon asks for every event it receives whether it is there already.
-TEST(Postgres, AskingForNewKeysWhileWritingThemCostsFewRoundTrips) {
-    StoreOptions options;
-    std::string reason;
-    auto engine = storage::PostgresEngine::open(freshUrl(), options, reason);
-    ASSERT_NE(engine, nullptr) << reason;
-    const auto cursor = engine->makeCursor();
-    const auto ask = [&](const std::string& key) {
-        EXPECT_EQ(cursor->refresh(), storage::Refreshed::ok);
-        return cursor->find(key);
-    };
-    // At the end of the log, then between entries of others.
-    for (const char* const end : {"1", "2"}) {
-        const std::uint64_t before = engine->pagesRead;
-        const auto start = std::chrono::steady_clock::now();
-        for (int burst = 0; burst < 40; ++burst) {
-            std::vector<std::string> keys;
-            for (int i = 0; i < 50; ++i)
-                keys.push_back("k" + std::to_string(100000 + burst * 50 + i) + end);
-            std::vector<storage::Write> writes;
-            for (const std::string& key : keys) {
-                EXPECT_FALSE(ask(key));
-                writes.push_back({key, "value", false});
-            }
-            ASSERT_TRUE(engine->commit({&writes}).durable);
-            EXPECT_TRUE(ask(keys.back()));
-            EXPECT_EQ(cursor->value(), "value");
-        }
-        // A page for each question about what was just written, a few more for what grew old meanwhile.
-        const auto took = std::chrono::steady_clock::now() - start;
-        const auto aged = static_cast<std::uint64_t>(took / storage::PostgresCursor::maxAge);
-        EXPECT_LT(engine->pagesRead - before, 40U + 40U * 4 + 2 * aged);
+// However fresh the page is that says that nothing stands there.
+TEST(Postgres, OtherContentOfAnotherDaemonIsKeptAlsoWhenItCameAMomentAgo) {
+    const std::string url = freshUrl();
+    const auto one = openStore(url);
+    const auto other = openStore(url);
+    const auto guard = std::make_shared<KeepingGuard>();
+    for (long long i = 0; i < 20; ++i) {
+        const Item at = key(path("log"), i);
+        EXPECT_TRUE(one->fetch(at).isNull());
+        EXPECT_TRUE(other->fetch(at).isNull());
+        ASSERT_TRUE(one->store(at, text("one").bytes(), guard));
+        ASSERT_TRUE(other->store(at, text("other").bytes(), guard));
+        ASSERT_EQ(valueAt(*other, at), encoded("other"));
+        ASSERT_EQ(valueAt(*other, key(path("kept"), i)), encoded("one"));
+        ASSERT_TRUE(one->store(at, text("other").bytes(), guard));
     }
+    std::string expected;
+    for (int i = 0; i < 20; ++i)
+        expected += "replaced repeated ";
+    EXPECT_EQ(guard->told(), expected);
+}
+
+TEST(Postgres, NothingVanishesWhenTwoDaemonsWriteOtherContentAtOneMoment) {
+    const std::string url = freshUrl();
+    const auto one = openStore(url);
+    const auto other = openStore(url);
+    const auto fill = [](ItemStore& store, const std::string& name) {
+        const auto guard = std::make_shared<KeepingGuard>(path("kept by " + name));
+        for (int round = 0; round < 10; ++round) {
+            WriteBatch batch(&store);
+            for (long long i = 0; i < 100; ++i)
+                store.store(key(path("log"), i), text(name + " " + std::to_string(round)).bytes(), guard);
+            ASSERT_TRUE(batch.commit().durable);
+        }
+    };
+    std::thread first([&] { fill(*one, "one"); });
+    std::thread second([&] { fill(*other, "other"); });
+    first.join();
+    second.join();
+    // Of each key there were twenty contents; nineteen are kept, one stands.
+    const auto third = openStore(url);
+    std::map<std::string, int> found;
+    Item at;
+    while (third->nextKey(at))
+        ++found[valueAt(*third, at)];
+    EXPECT_EQ(found.size(), 20U);
+    for (const auto& [value, count] : found)
+        EXPECT_EQ(count, 100) << value;
+}
+
+TEST(Postgres, APlaceForWhatIsKeptThatIsTakenIsNotOverwritten) {
+    const std::string url = freshUrl();
+    const auto one = openStore(url);
+    const auto other = openStore(url);
+    // Both would keep under ["kept", 0].
+    const auto ones = std::make_shared<KeepingGuard>();
+    const auto others = std::make_shared<KeepingGuard>();
+    ASSERT_TRUE(one->store(path("a"), text("a1").bytes(), ones));
+    ASSERT_TRUE(one->store(path("a"), text("a2").bytes(), ones));
+    ASSERT_TRUE(other->store(path("b"), text("b1").bytes(), others));
+    ASSERT_TRUE(other->store(path("b"), text("b2").bytes(), others));
+    EXPECT_EQ(valueAt(*other, key(path("kept"), 0)), encoded("a1"));
+    EXPECT_EQ(valueAt(*other, key(path("kept"), 1)), encoded("b1"));
+    EXPECT_EQ(valueAt(*other, path("b")), encoded("b2"));
 }
 
 TEST(Postgres, LargeValuesAheadDoNotFillTheMemory) {

@@ -7,12 +7,14 @@
 #include <atomic>
 #include <cstdio>
 #include <future>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "qelCore/logging/CaptureSink.h"
 #include "storage/StoreFolder.h"
+#include "support/KeepingGuard.h"
 #include "support/StoreFixture.h"
 
 using namespace qel;
@@ -44,6 +46,37 @@ TEST_F(Store, KeepsValuesOverReopening) {
     reopen();
     EXPECT_EQ(read(key(path("log"), 1)), "uno");
     EXPECT_EQ(read(key(path("log"), 2)), "(null)");
+}
+
+TEST_F(Store, GuardIsToldWhatAWriteMeetsAndKeepsIt) {
+    const auto guard = std::make_shared<KeepingGuard>();
+    const auto record = [&](const char* value) {
+        WriteBatch batch;
+        store_->store(path("key"), text(value).bytes(), guard);
+        return batch.commit().durable;
+    };
+    EXPECT_TRUE(record("older"));
+    EXPECT_EQ(guard->told(), "");
+    EXPECT_TRUE(record("older"));
+    EXPECT_EQ(guard->told(), "repeated ");
+    EXPECT_TRUE(record("newer"));
+    EXPECT_EQ(guard->told(), "repeated replaced ");
+    EXPECT_EQ(read(path("key")), "newer");
+    EXPECT_EQ(read(key(path("kept"), 0)), "older");
+    EXPECT_TRUE(key(path("kept"), 1).fetch().isNull());
+}
+
+TEST_F(Store, GuardIsToldOfWritesOfOneBatch) {
+    const auto guard = std::make_shared<KeepingGuard>();
+    {
+        WriteBatch batch;
+        for (const char* const value : {"first", "second", "second", "third"})
+            store_->store(path("key"), text(value).bytes(), guard);
+        ASSERT_TRUE(batch.commit().durable);
+    }
+    EXPECT_EQ(read(path("key")), "third");
+    const std::set<std::string> kept{read(key(path("kept"), 0)), read(key(path("kept"), 1))};
+    EXPECT_EQ(kept.count("first") + kept.count("second"), 2U);
 }
 
 TEST_F(Store, EmptyValueIsThere) {

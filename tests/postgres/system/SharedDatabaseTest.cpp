@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <filesystem>
+#include <fstream>
 #include <set>
 
 #include "postgres/system/SharedSite.h"
@@ -190,6 +192,42 @@ TEST_F(SharedDatabase, RetransmissionToTheOtherDaemonLeavesOneRecord) {
     EXPECT_EQ(lines().size(), 40U);
     EXPECT_EQ(two.get("/metrics").find("qel_events_retransmitted_total{log=\"interaction\"} 0"),
               std::string::npos);
+}
+
+// One identity on two machines, and one time: what came through the first daemon does not vanish under what comes through
+// the second a moment later.
+TEST_F(SharedDatabase, OtherContentThroughTheOtherDaemonIsKeptAside) {
+    SharedDaemon one(folder_.path(), "one", url_);
+    SharedDaemon two(folder_.path(), "two", url_, &one);
+    ASSERT_TRUE(one.start()) << one.log();
+    ASSERT_TRUE(two.start()) << two.log();
+    const Workstation anna = enrollFor(folder_.path(), one, "anna", {&one});
+    const Workstation doubled{folder_ / "doubled"};
+    std::filesystem::copy(anna.folder, doubled.folder);
+    setKey(doubled.config(), "address", "\"" + two.address() + "\"");
+    for (const auto& [workstation, name] : {std::pair(&anna, "First"), std::pair(&doubled, "Second")}) {
+        std::ofstream(workstation->folder + "/events")
+            << R"({"time":"2026-03-01T08:00:00Z","event":[")" << name << "\"]}\n";
+        ASSERT_EQ(run({"record", "--config", workstation->config(), "--log", "interaction", "--replay",
+                       "--from", workstation->folder + "/events"})
+                      .code,
+                  0);
+    }
+    Process other({program("qel-audit"), "forward", "--config", doubled.config(), "--once"}, folder_.path(),
+                  "doubled");
+    EXPECT_EQ(forward(anna), 0);
+    EXPECT_EQ(other.wait(std::chrono::seconds(60)), 0) << other.err();
+    const auto found = lines();
+    ASSERT_EQ(found.size(), 1U);
+    const bool secondStands = found[0].find("Second") != std::string::npos;
+    const std::string kept = secondStands ? "First" : "Second";
+    EXPECT_EQ(sql("SELECT count(*) FROM qel_items WHERE position('" + kept +
+                  "'::bytea in value) > 0 AND "
+                  "position('overwritten'::bytea in key) > 0"),
+              "1\n");
+    const std::string metrics = one.get("/metrics") + two.get("/metrics");
+    EXPECT_NE(metrics.find("qel_events_overwritten_total{log=\"interaction\"} 1"), std::string::npos);
+    EXPECT_NE((one.log() + two.log()).find("the older one is kept aside"), std::string::npos);
 }
 
 }  // namespace

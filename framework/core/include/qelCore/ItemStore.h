@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "qelCore/Export.h"
@@ -14,6 +15,22 @@
 namespace qel {
 
 class StoreCore;
+
+/// Told what a write meets under its key, so that nothing vanishes under it. Used from any thread, one call at a time per
+/// write; lives at least until the write is durable or lost.
+class QELCORE_EXPORT OverwriteGuard {
+  public:
+    using Entries = std::vector<std::pair<Item, Item>>;
+
+    virtual ~OverwriteGuard();
+    /// Other content stands under `key`, or came there by a write of the same moment. What is returned becomes durable in
+    /// one transaction with the write. May read the store; asked again when the transaction has to be repeated.
+    virtual Entries keep(const Item& key, ConstByteSpan older) = 0;
+    /// What `keep` was asked for has been written over. Must not use the store, nor must `repeated`.
+    virtual void replaced(const Item& key) = 0;
+    /// The same content stood there already.
+    virtual void repeated(const Item& key) = 0;
+};
 
 /// An ordered, durable map from item keys to values, shared by the processes of one machine. The store
 /// operations of `Item` work on the process's current store; this class opens, names and watches stores, and
@@ -34,6 +51,8 @@ class QELCORE_EXPORT ItemStore {
     /// process and path), ….
     static std::unique_ptr<ItemStore> open(std::string_view url, const StoreOptions& options,
                                            std::string& reason);
+    /// Whether `url` could name a store, as far as its text alone tells; else `reason` says what is wrong with it.
+    static bool checkUrl(std::string_view url, std::string& reason);
     ~ItemStore();
     ItemStore(const ItemStore&) = delete;
     ItemStore& operator=(const ItemStore&) = delete;
@@ -60,6 +79,9 @@ class QELCORE_EXPORT ItemStore {
     /// is not durable. `flush` tells the reason. A key or a value over its limit fails this write only: a batch
     /// that it was meant for completes without it. A write that found no room in time fails its batch.
     bool store(const Item& key, ConstByteSpan value);
+    /// The same for a write that must not make other content vanish: `guard` is told what stood there, also when
+    /// another process that shares a database wrote it a moment ago.
+    bool store(const Item& key, ConstByteSpan value, const std::shared_ptr<OverwriteGuard>& guard);
     bool remove(const Item& key);
     /// Moves `position` to the nearest key behind it in the order of all keys, whatever its parent: for tools
     /// that look at everything.

@@ -12,6 +12,10 @@
 #include "item/ItemCodec.h"
 #include "qelCore/StoreOptions.h"
 
+namespace qel {
+class OverwriteGuard;
+}
+
 namespace qel::storage {
 
 struct ClockPage;
@@ -28,6 +32,8 @@ struct Write {
     Bytes key;
     Bytes value;
     bool removes = false;
+    /// Of the batch too; null when what stands under the key is of no interest.
+    OverwriteGuard* guard = nullptr;
 };
 
 /// Held for the length of one read; waiting for it is rare and short.
@@ -79,7 +85,7 @@ class EngineCursor {
     /// To the last key less than `key`.
     virtual bool seekBefore(Bytes key) = 0;
     /// To exactly this key; false when it does not exist, and then the position is anywhere.
-    virtual bool find(Bytes key) { return seek(key) && key_ == key; }
+    bool find(Bytes key) { return seek(key) && key_ == key; }
     /// From a position that the last operation found: to the neighbour.
     virtual bool step() = 0;
     virtual bool stepBack() = 0;
@@ -111,6 +117,9 @@ class Engine {
 
     /// Makes the writes durable in one transaction, in order, the clock's mark with them.
     virtual CommitResult commit(const std::vector<const std::vector<Write>*>& writes) = 0;
+    /// True when `commit` itself tells the guards of writes what they meet: other processes write the same keys, and only
+    /// the transaction knows.
+    virtual bool tellsGuards() const { return false; }
     /// Changes a record of the store's own durably from `before` (empty: it does not exist) to `after`, unless others have
     /// changed it: then `exchanged` is false. Null from engines whose users agree in another way.
     virtual std::optional<CommitResult> exchange(Bytes /*key*/, Bytes /*before*/, Bytes /*after*/,

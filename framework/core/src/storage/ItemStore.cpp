@@ -19,6 +19,7 @@ using storage::StoreRecords;
 namespace {
 
 constexpr std::string_view lmdbScheme = "lmdb:";
+constexpr const char* unknownScheme = " names no known kind of store; expected lmdb:PATH or postgresql://…";
 
 std::atomic<ItemStore*> currentStore{nullptr};
 
@@ -37,13 +38,11 @@ ConstByteSpan keep(std::vector<unsigned char>& room, storage::Bytes value) {
 
 std::unique_ptr<storage::Engine> openEngine(std::string_view url, const StoreOptions& options,
                                             std::string& reason) {
-    if (url.substr(0, lmdbScheme.size()) == lmdbScheme)
-        return storage::LmdbEngine::open(std::string(url.substr(lmdbScheme.size())), options, reason);
+    if (!ItemStore::checkUrl(url, reason))
+        return nullptr;
     if (storage::PostgresSettings::isUrl(url))
         return storage::PostgresEngine::open(url, options, reason);
-    reason = "the store URL " + std::string(url) +
-             " names no known kind of store; expected lmdb:PATH or postgresql://…";
-    return nullptr;
+    return storage::LmdbEngine::open(std::string(url.substr(lmdbScheme.size())), options, reason);
 }
 
 // Two processes that bind a new store at one moment agree on the first.
@@ -72,6 +71,19 @@ bool bind(StoreCore& core, std::string StoreIdentity::*place, std::string_view f
 }
 
 }  // namespace
+
+OverwriteGuard::~OverwriteGuard() = default;
+
+bool ItemStore::checkUrl(std::string_view url, std::string& reason) {
+    reason.clear();
+    if (storage::PostgresSettings::isUrl(url))
+        return storage::PostgresSettings().parse(url, storage::PostgresSettings::Files::leave, reason);
+    if (url.substr(0, lmdbScheme.size()) != lmdbScheme)
+        reason = "the store URL " + std::string(url) + unknownScheme;
+    else if (url.size() == lmdbScheme.size())
+        reason = "the store URL " + std::string(url) + " names no folder; expected lmdb:PATH";
+    return reason.empty();
+}
 
 ItemStore::ItemStore(std::unique_ptr<StoreCore> core) : core_(std::move(core)) {}
 
@@ -158,6 +170,21 @@ ConstByteSpan ItemStore::fetch(const Item& key) {
 
 bool ItemStore::store(const Item& key, ConstByteSpan value) {
     return core_->write(ItemNavigation::bytesOf(key), value.view(), false);
+}
+
+bool ItemStore::store(const Item& key, ConstByteSpan value, const std::shared_ptr<OverwriteGuard>& guard) {
+    if (guard == nullptr || core_->engine().tellsGuards())
+        return core_->write(ItemNavigation::bytesOf(key), value.view(), false, guard);
+    const ConstByteSpan older = accepts(key, value.size()) ? fetch(key) : ConstByteSpan();
+    if (!older.isNull() && older.view() == value.view()) {
+        guard->repeated(key);
+    } else if (!older.isNull()) {
+        const std::string kept(older.view());
+        for (const auto& [place, content] : guard->keep(key, ConstByteSpan(kept)))
+            store(place, content.bytes());
+        guard->replaced(key);
+    }
+    return store(key, value);
 }
 
 bool ItemStore::remove(const Item& key) {

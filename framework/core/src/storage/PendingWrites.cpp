@@ -46,13 +46,17 @@ std::size_t PendingBatch::sizeOf(Bytes key, Bytes value) {
     return key.size() + value.size() + overheadPerWrite;
 }
 
-const Write& PendingBatch::add(Bytes key, Bytes value, bool removes) {
+const Write& PendingBatch::add(Bytes key, Bytes value, bool removes,
+                               const std::shared_ptr<OverwriteGuard>& guard) {
+    // A connection's writes have one guard in common.
+    if (guard != nullptr && (guards_.empty() || guards_.back() != guard))
+        guards_.push_back(guard);
     char* const at = room(key.size() + value.size());
     std::memcpy(at, key.data(), key.size());
     if (!value.empty())
         std::memcpy(at + key.size(), value.data(), value.size());
     bytes_ += sizeOf(key, value);
-    writes_.push_back({{at, key.size()}, {at + key.size(), value.size()}, removes});
+    writes_.push_back({{at, key.size()}, {at + key.size(), value.size()}, removes, guard.get()});
     return writes_.back();
 }
 

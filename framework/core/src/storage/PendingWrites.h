@@ -34,7 +34,8 @@ class PendingBatch {
   public:
     using Completion = std::function<void(const CommitResult&)>;
 
-    const Write& add(Bytes key, Bytes value, bool removes);
+    const Write& add(Bytes key, Bytes value, bool removes,
+                     const std::shared_ptr<OverwriteGuard>& guard = nullptr);
     /// What one write adds to `bytes`.
     static std::size_t sizeOf(Bytes key, Bytes value);
     const std::vector<Write>& writes() const { return writes_; }
@@ -58,6 +59,7 @@ class PendingBatch {
     std::size_t nextBlock_ = 256;
     std::size_t bytes_ = 0;
     std::vector<Write> writes_;
+    std::vector<std::shared_ptr<OverwriteGuard>> guards_;
 };
 
 /// All writes of this process that are not durable yet, the last one of each key, in order of key: what readers see

@@ -2,6 +2,7 @@
 #include <unordered_map>
 
 #include "qelCore/logging/MessageStream.h"
+#include "storage/Navigation.h"
 #include "storage/PostgresEngine.h"
 #include "storage/PostgresSchema.h"
 #include "storage/UniqueClock.h"
@@ -15,14 +16,12 @@ constexpr std::size_t writesPerPart = 64;
 
 using Batches = std::vector<const std::vector<Write>*>;
 
-// The last write of each key, by number in the order of all writes.
-std::unordered_map<Bytes, std::size_t> lastOfEach(const Batches& batches, std::size_t total) {
-    std::unordered_map<Bytes, std::size_t> last;
+std::unordered_map<Bytes, const Write*> lastOfEach(const Batches& batches, std::size_t total) {
+    std::unordered_map<Bytes, const Write*> last;
     last.reserve(total);
-    std::size_t number = 0;
     for (const auto* const batch : batches)
         for (const Write& write : *batch)
-            last[write.key] = number++;
+            last[write.key] = &write;
     return last;
 }
 
@@ -30,15 +29,14 @@ std::unordered_map<Bytes, std::size_t> lastOfEach(const Batches& batches, std::s
 
 // Whole batches to each connection, of each key its last write only: so no key is written by two transactions at one
 // time, and none of them waits for another. In order of key, so that those of several daemons do not block each other.
-std::vector<PostgresEngine::Part> PostgresEngine::divide(const Batches& batches) const {
+std::vector<PostgresTransaction> PostgresEngine::divide(const Batches& batches) const {
     std::size_t total = 0;
     for (const auto* const batch : batches)
         total += batch->size();
     const auto last = lastOfEach(batches, total);
     const std::size_t count = std::clamp<std::size_t>(total / writesPerPart, 1, writers_.size());
     const std::size_t share = (total + count - 1) / count;
-    std::vector<Part> parts(1);
-    std::size_t number = 0;
+    std::vector<PostgresTransaction> parts(1);
     std::size_t taken = 0;
     for (const auto* const batch : batches) {
         if (taken >= share && parts.size() < count) {
@@ -46,13 +44,17 @@ std::vector<PostgresEngine::Part> PostgresEngine::divide(const Batches& batches)
             taken = 0;
         }
         taken += batch->size();
-        for (const Write& write : *batch)
-            if (last.at(write.key) == number++)
+        for (const Write& write : *batch) {
+            const Write* const winner = last.at(write.key);
+            if (winner == &write)
                 parts.back().writes.push_back(&write);
+            else if (write.guard != nullptr)
+                parts.back().superseded.emplace_back(&write, winner);
+        }
     }
     // Where every write of a part is made again by a later one, nothing is left of it.
-    std::erase_if(parts, [](const Part& part) { return part.writes.empty(); });
-    for (Part& part : parts)
+    std::erase_if(parts, [](const auto& part) { return part.writes.empty() && part.superseded.empty(); });
+    for (PostgresTransaction& part : parts)
         std::sort(part.writes.begin(), part.writes.end(),
                   [](const Write* a, const Write* b) { return a->key < b->key; });
     return parts;
@@ -60,7 +62,7 @@ std::vector<PostgresEngine::Part> PostgresEngine::divide(const Batches& batches)
 
 // All parts are under way before the first answer is awaited. What is done stays done: a part is sent again only when
 // its outcome is a failure or unknown, and then it overwrites itself.
-PostgresError PostgresEngine::tryCommit(std::vector<Part>& parts, const std::string* mark,
+PostgresError PostgresEngine::tryCommit(std::vector<PostgresTransaction>& parts, const std::string* mark,
                                         long long markTime) {
     PostgresError error;
     std::vector<std::size_t> sent;
@@ -72,7 +74,7 @@ PostgresError PostgresEngine::tryCommit(std::vector<Part>& parts, const std::str
         if (!writers_[i].connect(settings_, error))
             break;
         hadWriters_ = hadWriters_ || i == 0;
-        if (writers_[i].start(parts[i].writes, i == 0 ? mark : nullptr, markTime)) {
+        if (writers_[i].start(parts[i], i == 0 ? mark : nullptr, markTime)) {
             sent.push_back(i);
             continue;
         }
@@ -80,9 +82,13 @@ PostgresError PostgresEngine::tryCommit(std::vector<Part>& parts, const std::str
         writers_[i].disconnect();
         break;
     }
+    for (const std::size_t i : sent)
+        writers_[i].settle(parts[i]);
     for (const std::size_t i : sent) {
         const PostgresError failed = writers_[i].finish();
         parts[i].done = !failed.isSet();
+        if (parts[i].done)
+            parts[i].tellGuards();
         if (failed.isSet() && (!error.isSet() || error.isPassing()))
             error = failed;
     }
@@ -91,7 +97,7 @@ PostgresError PostgresEngine::tryCommit(std::vector<Part>& parts, const std::str
 
 CommitResult PostgresEngine::commit(const Batches& batches) {
     const std::lock_guard guard(writing_);
-    std::vector<Part> parts = divide(batches);
+    std::vector<PostgresTransaction> parts = divide(batches);
     std::string record;
     long long mark = 0;
     const bool isMarkDue = UniqueClock::dueMark(clock_, record, mark);
@@ -136,11 +142,14 @@ std::optional<CommitResult> PostgresEngine::exchange(Bytes key, Bytes before, By
 }
 
 // Also after a failure, for some of it may have been written.
-void PostgresEngine::remember(const std::vector<Part>& parts) {
+void PostgresEngine::remember(const std::vector<PostgresTransaction>& parts) {
     Commit commit;
-    for (const Part& part : parts)
+    for (const PostgresTransaction& part : parts) {
         for (const Write* const write : part.writes)
             commit.keys.emplace_back(write->key);
+        for (const auto& [key, value] : part.kept)
+            commit.keys.emplace_back(ItemNavigation::bytesOf(key));
+    }
     std::sort(commit.keys.begin(), commit.keys.end());
     commit.at = Clock::now();
     const std::lock_guard guard(recentMutex_);

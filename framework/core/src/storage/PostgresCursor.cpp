@@ -80,7 +80,6 @@ std::size_t PostgresCursor::rowsToRead() const {
 
 bool PostgresCursor::readFrom(Bytes key) {
     const std::string from(key);
-    answers_ = 0;
     if (!engine_.readPage(page_, from, rowsToRead(), true))
         return standNowhere();
     if (page_.size() == 0)
@@ -91,28 +90,12 @@ bool PostgresCursor::readFrom(Bytes key) {
 
 bool PostgresCursor::readBefore(Bytes key) {
     const std::string before(key);
-    answers_ = 0;
     if (!engine_.readPage(page_, before, rowsToRead(), false))
         return standNowhere();
     if (page_.size() == 0)
         return standNowhere();
     meanBytes_ = page_.bytes() / page_.size();
     return standAt(page_.size() - 1);
-}
-
-bool PostgresCursor::find(Bytes key) {
-    if (page_.knows(key) && !page_.wasWritten(key)) {
-        ++answers_;
-        const std::size_t row = page_.lowerBound(key);
-        return row < page_.size() && page_.key(row) == key ? standAt(row) : standNowhere();
-    }
-    // Questions in ascending order, as a backlog that arrives asks them, want larger pages.
-    const bool ascends = page_.size() != 0 && !page_.knows(key) && page_.low() <= key;
-    if (ascends && answers_ * 2 >= page_.size())
-        grow();
-    else if (!ascends)
-        pageRows_ = firstPage;
-    return readFrom(key) && key_ == key;
 }
 
 bool PostgresCursor::seek(Bytes key) {

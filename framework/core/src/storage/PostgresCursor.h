@@ -22,9 +22,6 @@ class PostgresCursor final : public EngineCursor {
     void retire() override;
     bool seek(Bytes key) override;
     bool seekBefore(Bytes key) override;
-    /// Known without a round trip also where this process writes between the keys of the page: receiving events asks for
-    /// each whether it is there already.
-    bool find(Bytes key) override;
     bool step() override;
     bool stepBack() override;
 
@@ -44,8 +41,6 @@ class PostgresCursor final : public EngineCursor {
     // Where a walk stood when its page was given up.
     std::string resumeKey_;
     std::size_t pageRows_ = 0;
-    // Questions that the page has answered.
-    std::size_t answers_ = 0;
     std::size_t meanBytes_ = 0;
 };
 

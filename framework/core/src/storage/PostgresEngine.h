@@ -28,6 +28,7 @@ class PostgresEngine final : public Engine {
     void adoptGrowth() override {}
     unsigned sweep() override;
     CommitResult commit(const std::vector<const std::vector<Write>*>& writes) override;
+    bool tellsGuards() const override { return true; }
     std::optional<CommitResult> exchange(Bytes key, Bytes before, Bytes after, bool& exchanged) override;
     std::size_t keyLimit() const override;
     void space(StoreSpace& out) override;
@@ -49,12 +50,6 @@ class PostgresEngine final : public Engine {
     using Clock = std::chrono::steady_clock;
     using Action = std::function<bool(PostgresConnection&, PostgresError&)>;
 
-    /// What one connection writes in one transaction.
-    struct Part {
-        std::vector<const Write*> writes;
-        bool done = false;
-    };
-
     struct Commit {
         std::uint64_t number;
         Clock::time_point at;
@@ -72,9 +67,10 @@ class PostgresEngine final : public Engine {
     /// Waits before the next try; false when there is no time for one.
     bool waitForNext(Clock::time_point deadline, unsigned tries) const;
 
-    std::vector<Part> divide(const std::vector<const std::vector<Write>*>& writes) const;
-    PostgresError tryCommit(std::vector<Part>& parts, const std::string* mark, long long markTime);
-    void remember(const std::vector<Part>& parts);
+    std::vector<PostgresTransaction> divide(const std::vector<const std::vector<Write>*>& writes) const;
+    PostgresError tryCommit(std::vector<PostgresTransaction>& parts, const std::string* mark,
+                            long long markTime);
+    void remember(const std::vector<PostgresTransaction>& parts);
     void note(bool reached, const PostgresError& error);
     std::string sentence(const char* what, const PostgresError& error) const;
 

@@ -104,6 +104,11 @@ bool PostgresSchema::prepareWriting(PostgresConnection& connection, PostgresErro
         {put,
          "INSERT INTO qel_items (key, value) SELECT * FROM unnest($1::bytea[], $2::bytea[]) "
          "ON CONFLICT (key) DO UPDATE SET value = excluded.value WHERE qel_items.value <> excluded.value"},
+        // The keys that were not there.
+        {putNew,
+         "INSERT INTO qel_items (key, value) SELECT * FROM unnest($1::bytea[], $2::bytea[]) "
+         "ON CONFLICT (key) DO NOTHING RETURNING key"},
+        {lockTaken, "SELECT key, value FROM qel_items WHERE key = ANY($1::bytea[]) FOR UPDATE"},
         {remove, "DELETE FROM qel_items WHERE key = ANY($1::bytea[])"},
         {mark, markStatement()},
         {begin, "BEGIN"},

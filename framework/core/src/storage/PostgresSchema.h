@@ -16,6 +16,8 @@ class PostgresSchema {
     static constexpr const char* readFrom = "qel_from";
     static constexpr const char* readBefore = "qel_before";
     static constexpr const char* put = "qel_put";
+    static constexpr const char* putNew = "qel_put_new";
+    static constexpr const char* lockTaken = "qel_lock_taken";
     static constexpr const char* remove = "qel_remove";
     static constexpr const char* insertNew = "qel_insert_new";
     static constexpr const char* exchange = "qel_exchange";

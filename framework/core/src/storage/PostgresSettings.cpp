@@ -86,7 +86,7 @@ std::string PostgresSettings::withoutOwn(std::string_view url, std::string& reas
     return out;
 }
 
-bool PostgresSettings::parse(std::string_view url, std::string& reason) {
+bool PostgresSettings::parse(std::string_view url, Files files, std::string& reason) {
     const std::string plain = withoutOwn(url, reason);
     if (!reason.empty())
         return false;
@@ -109,7 +109,7 @@ bool PostgresSettings::parse(std::string_view url, std::string& reason) {
         return false;
     }
     describe();
-    if (!requireEncryption(reason) || !readPassword(reason))
+    if (!requireEncryption(reason) || (files == Files::read && !readPassword(reason)))
         return false;
     addDefault("fallback_application_name", "qel");
     addDefault("client_encoding", "UTF8");

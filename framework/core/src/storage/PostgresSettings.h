@@ -13,8 +13,12 @@ class PostgresSettings {
   public:
     static constexpr unsigned mostWriters = 16;
 
+    enum class Files { read, leave };
+
     /// False with a sentence: no such URL, a password in it, a remote host without encryption, an unreadable file.
-    bool parse(std::string_view url, std::string& reason);
+    bool parse(std::string_view url, std::string& reason) { return parse(url, Files::read, reason); }
+    /// The same, without looking at the password's file where `files` says so.
+    bool parse(std::string_view url, Files files, std::string& reason);
 
     static bool isUrl(std::string_view url);
 

@@ -106,7 +106,7 @@ bool StoreCore::refuse(ThreadState& state, Harms harms, const std::string& reaso
     return false;
 }
 
-bool StoreCore::write(Bytes key, Bytes value, bool removes) {
+bool StoreCore::write(Bytes key, Bytes value, bool removes, const std::shared_ptr<OverwriteGuard>& guard) {
     if (!isUsable())
         return false;
     ThreadState& state = thread();
@@ -124,7 +124,7 @@ bool StoreCore::write(Bytes key, Bytes value, bool removes) {
     if (state.depth == 0)
         single = makeBatch(state);
     PendingBatch& batch = single != nullptr ? *single : *state.batch;
-    overlay_.put(batch.add(key, value, removes));
+    overlay_.put(batch.add(key, value, removes, guard));
     if (single == nullptr) {
         if (batch.bytes() >= WriteBatch::largest)
             passOn(state);

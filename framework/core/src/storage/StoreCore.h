@@ -50,7 +50,8 @@ class StoreCore {
     void forgetSnapshot();
 
     /// Checks, collects or commits one write.
-    bool write(storage::Bytes key, storage::Bytes value, bool removes);
+    bool write(storage::Bytes key, storage::Bytes value, bool removes,
+               const std::shared_ptr<OverwriteGuard>& guard = nullptr);
     /// Writes of the store's own records: no limits, always durable on return. `reason` says why not.
     CommitResult writeOwn(storage::Bytes key, storage::Bytes value);
     bool accepts(std::size_t keySize, std::size_t valueSize, std::string& reason) const;
