@@ -215,6 +215,7 @@ int runExport(CommandLine& line) {
     NewFile file(out);
 
     const Progress clock("", 0, true);
+    const SteadyRead moment(&central.store());
     const RangeFacts expected = countFirst(target.path, *from, *to, line.quiet());
     {
         const GrowthBar bar(file.path(), expected.bytes, line.quiet());
@@ -226,6 +227,9 @@ int runExport(CommandLine& line) {
             AuditExport::exportCSV(file.path().c_str(), target.path, from->first, to->last);
         }
     }
+    if (const CommitResult read = moment.result(); !read)
+        throw Failure(central.store().statistics().reachable ? exitInputOutput : exitTemporary,
+                      read.reason + "; the export failed");
     FileFacts found{0, expected.lines(), true};
     if (!file.isDirect())
         found = checkExport(file.path(), target.path, *from, *to, expected);

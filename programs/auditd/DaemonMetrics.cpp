@@ -50,6 +50,9 @@ void addLogs(MetricsText& text, const DaemonMetrics::Sources& sources) {
            &AuditServiceStatistics::malformed, sources);
 }
 
+/// Whoever asks whether the service is ready wants to hear soon that it is not.
+constexpr unsigned readyMilliseconds = 2000;
+
 void addStore(MetricsText& text, ItemStore& store) {
     const StoreStatistics figures = store.statistics();
     text.counter("qel_commits_total", "Durable commits of the store", asDouble(figures.commits));
@@ -191,7 +194,7 @@ MetricsServer::Answer DaemonMetrics::answer(const std::string& path) const {
         return alive_ ? MetricsServer::Answer{200, "alive\n"}
                       : MetricsServer::Answer{503, "the commit thread hangs\n"};
     if (path == "/-/ready") {
-        const CommitResult result = sources_.store->probeCommit();
+        const CommitResult result = sources_.store->probeCommit(readyMilliseconds);
         return result ? MetricsServer::Answer{200, "ready\n"}
                       : MetricsServer::Answer{503, "the store cannot write: " + result.reason + '\n'};
     }

@@ -1,10 +1,13 @@
 #include "auditing/AuditExport.h"
 
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
 
 #include "export/CsvLine.h"
 #include "export/LogRange.h"
+#include "qelCore/ItemStore.h"
 #include "qelCore/logging/MessageStream.h"
 
 namespace qel {
@@ -18,6 +21,14 @@ void put(std::filebuf& out, std::string_view line) {
     out.pubsync();
 }
 
+/// What ends in the middle of a log must not pass for the whole.
+void discard(const char* path, const std::string& reason) {
+    logging::MessageStream(3, 2) << "The export to " << path << " was given up: " << reason;
+    std::error_code error;
+    if (std::filesystem::is_regular_file(std::filesystem::symlink_status(path, error)))
+        std::filesystem::remove(path, error);
+}
+
 }  // namespace
 
 void AuditExport::exportCSV(const char* path, const Item& log, long long startTime, long long endTime) {
@@ -25,6 +36,7 @@ void AuditExport::exportCSV(const char* path, const Item& log, long long startTi
     std::ofstream out(path, std::ios_base::out | std::ios_base::trunc);
     std::filebuf& file = *out.rdbuf();
     put(file, std::string(CsvLine::header) + '\n');
+    const SteadyRead moment;
     LogRange range = LogRange::including(log, startTime, endTime);
     CsvLine line;
     while (range.next()) {
@@ -35,6 +47,8 @@ void AuditExport::exportCSV(const char* path, const Item& log, long long startTi
         put(file, line.text());
     }
     out.close();
+    if (const CommitResult read = moment.result(); !read)
+        discard(path, read.reason);
 }
 
 Item AuditExport::getLines(const Item& log, long long startTimeInclusive, long long endTimeExclusive) {

@@ -2,6 +2,7 @@
 #include <system_error>
 
 #include "auditing/AuditExport.h"
+#include "qelCore/ItemStore.h"
 #include "qelCore/RpcContext.h"
 #include "qelCore/RpcProvider.h"
 #include "qelCore/String.h"
@@ -93,6 +94,8 @@ Files exportBoth(const RpcContext& context, const Logs& logs, const String& clie
     makeFolder(interactionFolder);
     const String localAudit = auditFolder + auditFile;
     const String localInteraction = interactionFolder + interactionFile;
+    // Both as they were at one moment, where the store can do that.
+    const SteadyRead moment;
     AuditExport::exportCSV(localAudit, logs.auditTrail, selection.startTime, selection.endTime);
     AuditExport::exportCSV(localInteraction, logs.interactionLog, selection.startTime, selection.endTime);
     return {{clientPath + auditFile, localAudit}, {clientPath + interactionFile, localInteraction}};

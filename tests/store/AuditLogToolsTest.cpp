@@ -4,7 +4,9 @@
 
 #include <limits>
 
+#include "auditing/AuditAside.h"
 #include "support/AuditStore.h"
+#include "support/FixedClock.h"
 
 namespace qel {
 namespace {
@@ -147,6 +149,22 @@ TEST_F(AuditLogToolsTest, CentralEventCarriesItsOriginAndThePresent) {
 TEST_F(AuditLogToolsTest, AnonymousOriginIsTheChecksumAndStars) {
     EXPECT_EQ(AuditLogTools::origin("anna", "pc", 4294967295U, true), event("4294967295", "***"));
     EXPECT_EQ(AuditLogTools::origin("anna", "pc", 0, true), event("0", "***"));
+}
+
+// Two daemons on one database may give one auditor's uses the same time.
+TEST_F(AuditLogToolsTest, RecordThatStandsUnderTheSameTimeAndOriginIsKeptAside) {
+    const test::FixedClock clock(System::getUTCDateTimeUnique() + 1000000);
+    const long long next = System::getUTCDateTimeUnique() + 1;
+    store_.putCentral(log_, next, 5, event("anna", "pc", "of the other daemon"));
+    AuditLogTools::appendCentral(log_, AuditLogTools::origin("anna", "pc", 5, false), 5,
+                                 event("of this one"));
+    ASSERT_FALSE(test::centralKey(log_, next, 5).fetch().isNull());
+    ASSERT_EQ(AuditAside::count(AsideReason::overwritten, log_), 1);
+    AuditAside::walk(AsideReason::overwritten, log_, [&](const AsideEntry& entry) {
+        EXPECT_NE(entry.value.find("of the other daemon"), std::string::npos);
+        EXPECT_EQ(entry.key, test::centralKey(log_, next, 5));
+        return true;
+    });
 }
 
 }  // namespace

@@ -127,13 +127,54 @@ TEST_F(SharedDatabase, ACopyThatIsKilledGoesOnWhenItIsRunAgain) {
     EXPECT_EQ(done.out.find("\"copied\":" + std::to_string(entries)), std::string::npos) << done.out;
     EXPECT_NE(done.out.find("\"entries\":" + std::to_string(entries)), std::string::npos) << done.out;
     EXPECT_EQ(stored(), entries);
-    sql("UPDATE qel_items SET value = '\\x0c' WHERE key = (SELECT max(key) FROM qel_items)");
+    sql("UPDATE qel_items SET value = '\\x0c' WHERE key = (SELECT key FROM qel_items ORDER BY key DESC LIMIT "
+        "1)");
     const ProcessResult differs = runProgram(command, folder_.path(), std::chrono::seconds(120));
     EXPECT_EQ(differs.code, 1) << differs.out;
     EXPECT_NE(differs.out.find("\"differing\":1"), std::string::npos) << differs.out;
     const ProcessResult away = audit(folder_.path(), {"store", "copy", "--from", source, "--to",
                                                       "postgresql://qel@localhost:1/x?sslmode=disable"});
     EXPECT_EQ(away.code, 73) << away.err;
+}
+
+// A file that ends where the connection did would pass for the whole log.
+TEST_F(SharedDatabase, ExportsWhoseSnapshotIsLostLeaveNoFile) {
+    SharedDaemon daemon(folder_.path(), "one", url_);
+    ASSERT_TRUE(daemon.start()) << daemon.log();
+    // Enough to be at it for a while.
+    {
+        std::string reason;
+        const auto store = ItemStore::open(url_, {}, reason);
+        ASSERT_NE(store, nullptr) << reason;
+        StoreLog log;
+        ASSERT_TRUE(store->findLog("interaction", log));
+        Item value;
+        for (const char* const text : {"anna", "pc", "Event"})
+            value.addString(text);
+        WriteBatch batch(store.get());
+        for (long long i = 0; i < 300000; ++i) {
+            Item last;
+            last.addInteger(1700000000000000 + i);
+            last.addInteger(1);
+            Item at = log.path;
+            at.addItem(last);
+            ASSERT_TRUE(store->store(at, value.bytes()));
+        }
+        ASSERT_TRUE(batch.commit().durable);
+    }
+    const std::string file = folder_ / "exported.csv";
+    Process exporting({program("qel-audit"), "export", "--store", url_, "--log", "interaction", "--from",
+                       "1971", "--to", "2200", "--out", file},
+                      folder_.path(), "export");
+    EXPECT_TRUE(waitFor([&] {
+        return sql("SELECT count(pg_terminate_backend(pid, 5000)) FROM pg_stat_activity WHERE "
+                   "application_name = 'qel' AND backend_xmin IS NOT NULL AND state = 'idle in "
+                   "transaction'") != "0\n";
+    }));
+    EXPECT_EQ(exporting.wait(std::chrono::seconds(60)), 74) << exporting.err();
+    EXPECT_NE(exporting.err().find("could not be read to its end"), std::string::npos) << exporting.err();
+    EXPECT_FALSE(std::filesystem::exists(file));
+    EXPECT_FALSE(std::filesystem::exists(file + ".part"));
 }
 
 TEST_F(SharedDatabase, DoctorFindsTheStoreWellAndTellsWhenItIsAway) {
@@ -183,6 +224,8 @@ TEST_F(SharedDatabase, RetransmissionToTheOtherDaemonLeavesOneRecord) {
     ASSERT_TRUE(waitFor([&] {
         return server_->sql("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'") != "0\n";
     }));
+    // A database that answers nothing is told soon, too.
+    EXPECT_NE(two.get("/-/ready").find("did not commit within 2000 milliseconds"), std::string::npos);
     one.process().kill();
     holdCommits("");
     ASSERT_TRUE(waitFor([&] { return sql(count) != "0\n"; }));

@@ -93,9 +93,9 @@ class QELCORE_EXPORT ItemStore {
     /// deferred. If a write of this thread since the last `flush` was refused or lost, says so.
     static CommitResult flush();
     CommitResult flushThread();
-    /// Commits a small mark and waits: proves that the store can write now. Waits at most the store's
-    /// patience.
-    CommitResult probeCommit();
+    /// Commits a small mark and waits: proves that the store can write now. Waits at most so long, or the store's
+    /// patience when that is 0.
+    CommitResult probeCommit(unsigned milliseconds = 0);
     /// As of `StoreStatistics::pendingBytes`.
     std::uint64_t pendingBytes() const;
 
@@ -151,8 +151,30 @@ class QELCORE_EXPORT ItemStore {
   private:
     friend class WriteBatch;
     friend class StoreTools;
+    friend class SteadyRead;
     explicit ItemStore(std::unique_ptr<StoreCore> core);
     std::unique_ptr<StoreCore> core_;
+};
+
+/// While it lives, this thread reads the current store, or `store`, as it was at one moment: where that lies in a database,
+/// in one snapshot on a connection of its own, from the first read on. What this process has written but not committed is not
+/// in it. An embedded store is read as ever, each walk going on behind its key. Lives on one thread's stack; one inside another
+/// joins it.
+class QELCORE_EXPORT SteadyRead {
+  public:
+    SteadyRead();
+    explicit SteadyRead(ItemStore* store);
+    ~SteadyRead();
+    SteadyRead(const SteadyRead&) = delete;
+    SteadyRead& operator=(const SteadyRead&) = delete;
+
+    /// Whether all that was asked for could be read. If not, the reason: the snapshot was lost, for instance with its server,
+    /// and everything behind reads as not there.
+    CommitResult result() const;
+
+  private:
+    ItemStore* store_;
+    std::uint64_t faultsBefore_;
 };
 
 /// Collects this thread's writes to the current store from construction until `submit` or `commit`, so that

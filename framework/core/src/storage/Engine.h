@@ -74,6 +74,8 @@ class EngineCursor {
     virtual Refreshed refresh() = 0;
     /// Gives the snapshot back; `refresh` takes another.
     virtual void rest() = 0;
+    /// Of a cursor that keeps to one snapshot: that is gone, and nothing more is found.
+    virtual bool isLost() const { return false; }
     /// True while a snapshot is held.
     bool isLive() const { return live_; }
     /// For good: the thread ends, or the engine does. Under `lock`.
@@ -111,6 +113,8 @@ class Engine {
     virtual ~Engine() = default;
 
     virtual std::shared_ptr<EngineCursor> makeCursor() = 0;
+    /// A cursor that keeps to the snapshot of its first use for good; null from engines whose walks go on behind their key.
+    virtual std::shared_ptr<EngineCursor> makeSteadyCursor() { return nullptr; }
     virtual void adoptGrowth() = 0;
     /// All live cursors give up what nobody used since the last call. Returns how many stay live.
     virtual unsigned sweep() = 0;

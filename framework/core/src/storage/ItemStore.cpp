@@ -200,8 +200,34 @@ CommitResult ItemStore::flushThread() {
     return core_->flush();
 }
 
-CommitResult ItemStore::probeCommit() {
-    return core_->probe();
+CommitResult ItemStore::probeCommit(unsigned milliseconds) {
+    return core_->probe(milliseconds);
+}
+
+SteadyRead::SteadyRead() : SteadyRead(ItemStore::current()) {}
+
+SteadyRead::SteadyRead(ItemStore* store) : store_(store), faultsBefore_(0) {
+    if (store_ == nullptr)
+        return;
+    faultsBefore_ = store_->core_->engine().readFaults;
+    store_->core_->beginSteady();
+}
+
+SteadyRead::~SteadyRead() {
+    if (store_ != nullptr)
+        store_->core_->endSteady();
+}
+
+CommitResult SteadyRead::result() const {
+    if (store_ == nullptr)
+        return {};
+    StoreCore& core = *store_->core_;
+    // Other threads' faults count where there is no snapshot of one's own: rather once too often than a gap untold.
+    const bool hasFault =
+        core.thread().steady ? core.isSteadyLost() : core.engine().readFaults != faultsBefore_;
+    if (!hasFault)
+        return {};
+    return {false, "the store " + store_->url() + " could not be read to its end"};
 }
 
 std::uint64_t ItemStore::pendingBytes() const {

@@ -112,6 +112,7 @@ CommitResult PostgresEngine::commit(const Batches& batches) {
         error = tryCommit(parts, isMarkDue ? &record : nullptr, mark);
         if (!error.isSet() || !error.isPassing() || !waitForNext(end, tries))
             break;
+        noteFailedTry(tries, error);
         logging::MessageStream(2, 2) << sentence("writes again to", error);
     }
     remember(parts);

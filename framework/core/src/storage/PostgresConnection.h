@@ -26,6 +26,8 @@ struct PostgresError {
     bool isSet() const { return !sentence.empty(); }
     /// The same again may succeed, on another connection where this one is gone.
     bool isPassing() const;
+    /// The server itself is not there, or does not take changes.
+    bool isAway() const { return isPassing() && state.compare(0, 2, "40") != 0 && state != "55P03"; }
     bool isMissingTable() const { return state == "42P01"; }
 };
 

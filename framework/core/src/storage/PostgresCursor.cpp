@@ -19,6 +19,10 @@ constexpr std::size_t pageBytes = std::size_t{4} << 20;
 
 Refreshed PostgresCursor::refresh() {
     touched.store(true, std::memory_order_relaxed);
+    if (steady_) {
+        live_ = true;
+        return Refreshed::ok;
+    }
     if (live_ && PostgresPage::Clock::now() - page_.readAt <= maxAge) {
         engine_.tellWritten(page_);
         if (positioned_ && page_.wasWritten(key_))
@@ -40,6 +44,8 @@ void PostgresCursor::forget() {
 }
 
 void PostgresCursor::rest() {
+    if (steady_)
+        return;
     positioned_ = false;
     page_ = {};
     live_ = false;
@@ -49,6 +55,7 @@ void PostgresCursor::retire() {
     positioned_ = false;
     page_ = {};
     live_ = false;
+    snapshot_.connection.reset();
     closed = true;
 }
 
@@ -78,9 +85,14 @@ std::size_t PostgresCursor::rowsToRead() const {
     return meanBytes_ == 0 ? pageRows_ : std::clamp<std::size_t>(pageBytes / meanBytes_, 1, pageRows_);
 }
 
+bool PostgresCursor::readPage(const std::string& bound, bool forward) {
+    return steady_ ? engine_.readPage(snapshot_, page_, bound, rowsToRead(), forward)
+                   : engine_.readPage(page_, bound, rowsToRead(), forward);
+}
+
 bool PostgresCursor::readFrom(Bytes key) {
     const std::string from(key);
-    if (!engine_.readPage(page_, from, rowsToRead(), true))
+    if (!readPage(from, true))
         return standNowhere();
     if (page_.size() == 0)
         return standNowhere();
@@ -90,7 +102,7 @@ bool PostgresCursor::readFrom(Bytes key) {
 
 bool PostgresCursor::readBefore(Bytes key) {
     const std::string before(key);
-    if (!engine_.readPage(page_, before, rowsToRead(), false))
+    if (!readPage(before, false))
         return standNowhere();
     if (page_.size() == 0)
         return standNowhere();

@@ -89,7 +89,14 @@ bool PostgresEngine::start(std::string_view url, std::string& reason) {
 }
 
 std::shared_ptr<EngineCursor> PostgresEngine::makeCursor() {
-    auto cursor = std::make_shared<PostgresCursor>(*this);
+    return keep(std::make_shared<PostgresCursor>(*this));
+}
+
+std::shared_ptr<EngineCursor> PostgresEngine::makeSteadyCursor() {
+    return keep(std::make_shared<PostgresCursor>(*this, PostgresCursor::Keeps::snapshot));
+}
+
+std::shared_ptr<PostgresCursor> PostgresEngine::keep(std::shared_ptr<PostgresCursor> cursor) {
     const std::lock_guard guard(cursorsMutex_);
     std::erase_if(cursors_, [](const auto& other) { return other.use_count() == 1; });
     cursors_.push_back(cursor);
@@ -161,6 +168,7 @@ bool PostgresEngine::read(const Action& action) {
         }
         if (!error.isPassing() || !waitForNext(end, tries))
             break;
+        noteFailedTry(tries, error);
     }
     note(!error.isPassing(), error);
     ++readFaults;
@@ -168,30 +176,72 @@ bool PostgresEngine::read(const Action& action) {
     return false;
 }
 
-bool PostgresEngine::readPage(PostgresPage& page, const std::string& bound, std::size_t rows, bool forward) {
+bool PostgresEngine::fillPage(PostgresConnection& connection, PostgresPage& page, const std::string& bound,
+                              std::size_t rows, bool forward, bool& cut, PostgresError& error) {
     const std::string limit = encodedInteger(static_cast<long long>(rows));
-    const char* const statement = forward ? PostgresSchema::readFrom : PostgresSchema::readBefore;
+    ++pagesRead;
+    page.clear();
+    page.commits = commitCount();
+    page.readAt = PostgresPage::Clock::now();
+    if (!connection.send(forward ? PostgresSchema::readFrom : PostgresSchema::readBefore, {&bound, &limit}))
+        return false;
+    PQsetSingleRowMode(connection.handle());
+    cut = false;
+    if (!collectRows(connection, page, cut, error))
+        return false;
+    const bool isLast = !cut && page.size() < rows;
+    if (forward)
+        page.endForward(bound, isLast);
+    else
+        page.endBackward(bound, isLast);
+    return true;
+}
+
+bool PostgresEngine::readPage(PostgresPage& page, const std::string& bound, std::size_t rows, bool forward) {
     const bool done = read([&](PostgresConnection& connection, PostgresError& error) {
-        ++pagesRead;
-        page.clear();
-        page.commits = commitCount();
-        page.readAt = PostgresPage::Clock::now();
-        if (!connection.send(statement, {&bound, &limit}))
-            return false;
-        PQsetSingleRowMode(connection.handle());
         bool cut = false;
-        if (!collectRows(connection, page, cut, error))
-            return false;
-        const bool isLast = !cut && page.size() < rows;
-        if (forward)
-            page.endForward(bound, isLast);
-        else
-            page.endBackward(bound, isLast);
-        return true;
+        return fillPage(connection, page, bound, rows, forward, cut, error);
     });
     if (!done)
         page.clear();
     return done;
+}
+
+// Nothing was read yet: it may be tried as often as there is time for.
+bool PostgresEngine::beginSnapshot(PostgresSnapshot& snapshot) {
+    return read([&](PostgresConnection&, PostgresError& error) {
+        auto fresh = PostgresConnection::open(settings_, !options_.readOnly, error);
+        if (fresh == nullptr || !PostgresSchema::prepareReading(*fresh, error) ||
+            !PostgresSchema::beginSnapshot(*fresh, error))
+            return false;
+        snapshot.connection = std::move(fresh);
+        return true;
+    });
+}
+
+bool PostgresEngine::readPage(PostgresSnapshot& snapshot, PostgresPage& page, const std::string& bound,
+                              std::size_t rows, bool forward) {
+    page.clear();
+    if (snapshot.lost)
+        return false;
+    snapshot.lost = snapshot.connection == nullptr && !beginSnapshot(snapshot);
+    if (snapshot.lost)
+        return false;
+    bool cut = false;
+    PostgresError error;
+    PostgresConnection& connection = *snapshot.connection;
+    // A query that was cancelled for the size of its rows ends the transaction up to its last mark.
+    if (fillPage(connection, page, bound, rows, forward, cut, error) &&
+        (!cut || PostgresSchema::returnToSnapshot(connection, error)))
+        return true;
+    if (!error.isSet())
+        error = connection.error();
+    logging::MessageStream(3, 2) << sentence("lost the snapshot that was read of", error);
+    ++readFaults;
+    snapshot.lost = true;
+    snapshot.connection.reset();
+    page.clear();
+    return false;
 }
 
 PostgresEngine::Clock::time_point PostgresEngine::deadline() const {
@@ -207,6 +257,13 @@ bool PostgresEngine::waitForNext(Clock::time_point end, unsigned tries) const {
         return false;
     std::this_thread::sleep_for(pause);
     return true;
+}
+
+// The first failure may be a connection that broke while it lay idle; the second says that the database is away, long
+// before the patience is over.
+void PostgresEngine::noteFailedTry(unsigned tries, const PostgresError& error) {
+    if (tries > 0 && error.isAway())
+        note(false, error);
 }
 
 void PostgresEngine::note(bool reached, const PostgresError& error) {

@@ -25,6 +25,7 @@ class PostgresEngine final : public Engine {
     ~PostgresEngine() override;
 
     std::shared_ptr<EngineCursor> makeCursor() override;
+    std::shared_ptr<EngineCursor> makeSteadyCursor() override;
     void adoptGrowth() override {}
     unsigned sweep() override;
     CommitResult commit(const std::vector<const std::vector<Write>*>& writes) override;
@@ -39,6 +40,9 @@ class PostgresEngine final : public Engine {
     /// For cursors. Reads at most `rows` entries from `bound` upwards, or below it downwards. False when the database
     /// could not be read within the store's patience.
     bool readPage(PostgresPage& page, const std::string& bound, std::size_t rows, bool forward);
+    /// The same in a snapshot, which begins with its first page and is lost with the first that fails.
+    bool readPage(PostgresSnapshot& snapshot, PostgresPage& page, const std::string& bound, std::size_t rows,
+                  bool forward);
     /// Commits of this process so far.
     std::uint64_t commitCount() const { return commitCount_.load(std::memory_order_acquire); }
     /// Tells the page what this process has committed since; then it is as good as one read now.
@@ -59,6 +63,10 @@ class PostgresEngine final : public Engine {
     explicit PostgresEngine(const StoreOptions& options) : options_(options) {}
     bool start(std::string_view url, std::string& reason);
 
+    std::shared_ptr<PostgresCursor> keep(std::shared_ptr<PostgresCursor> cursor);
+    bool fillPage(PostgresConnection& connection, PostgresPage& page, const std::string& bound,
+                  std::size_t rows, bool forward, bool& cut, PostgresError& error);
+    bool beginSnapshot(PostgresSnapshot& snapshot);
     bool read(const Action& action);
     bool tryRead(const Action& action, PostgresError& error);
     std::unique_ptr<PostgresConnection> borrowReader(PostgresError& error);
@@ -71,6 +79,7 @@ class PostgresEngine final : public Engine {
     PostgresError tryCommit(std::vector<PostgresTransaction>& parts, const std::string* mark,
                             long long markTime);
     void remember(const std::vector<PostgresTransaction>& parts);
+    void noteFailedTry(unsigned tries, const PostgresError& error);
     void note(bool reached, const PostgresError& error);
     std::string sentence(const char* what, const PostgresError& error) const;
 

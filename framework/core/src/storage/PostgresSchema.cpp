@@ -99,6 +99,15 @@ bool PostgresSchema::prepareReading(PostgresConnection& connection, PostgresErro
     return prepareAll(connection, statements, error);
 }
 
+bool PostgresSchema::beginSnapshot(PostgresConnection& connection, PostgresError& error) {
+    return connection.run("BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY", error) != nullptr &&
+           connection.run("SAVEPOINT qel_snapshot", error) != nullptr;
+}
+
+bool PostgresSchema::returnToSnapshot(PostgresConnection& connection, PostgresError& error) {
+    return connection.run("ROLLBACK TO SAVEPOINT qel_snapshot", error) != nullptr;
+}
+
 bool PostgresSchema::prepareWriting(PostgresConnection& connection, PostgresError& error) {
     const Statement statements[] = {
         {put,

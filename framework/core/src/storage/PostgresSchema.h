@@ -28,6 +28,9 @@ class PostgresSchema {
     /// Finds the tables or, when `create` is set and there are none, makes them. False with a sentence in `error`.
     static bool prepareTables(PostgresConnection& connection, bool create, PostgresError& error);
     static bool prepareReading(PostgresConnection& connection, PostgresError& error);
+    /// Everything that the connection reads from here on is of one moment; and back to it after an error.
+    static bool beginSnapshot(PostgresConnection& connection, PostgresError& error);
+    static bool returnToSnapshot(PostgresConnection& connection, PostgresError& error);
     static bool prepareWriting(PostgresConnection& connection, PostgresError& error);
     static bool prepareExchange(PostgresConnection& connection, PostgresError& error);
     /// False when a commit of this server could be lost in a crash.

@@ -17,7 +17,7 @@ constexpr std::size_t stretchBytes = std::size_t{4} << 20;
 constexpr std::size_t stretchEntries = 16384;
 
 // Of the store's own records at the target: how far which source was copied. Lies on disk.
-constexpr char markKey[] = {ownRecords, 'c'};
+constexpr char markKey[] = {ownRecords, 'm'};
 
 std::string hexadecimal(const unsigned char* bytes, std::size_t size) {
     static constexpr char digits[] = "0123456789abcdef";

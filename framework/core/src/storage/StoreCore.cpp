@@ -173,7 +173,35 @@ CommitResult StoreCore::flush() {
     return state.fate->take();
 }
 
-CommitResult StoreCore::probe() {
+void StoreCore::beginSteady() {
+    ThreadState& state = thread();
+    if (state.steadyDepth++ != 0)
+        return;
+    auto cursor = engine_->makeSteadyCursor();
+    state.steady = cursor != nullptr;
+    if (state.steady)
+        state.parked = std::exchange(state.cursor, std::move(cursor));
+}
+
+void StoreCore::endSteady() {
+    ThreadState& state = thread();
+    if (--state.steadyDepth != 0 || !state.steady)
+        return;
+    {
+        const std::lock_guard guard(state.cursor->lock);
+        state.cursor->retire();
+    }
+    state.cursor = std::exchange(state.parked, nullptr);
+    state.steady = false;
+    state.movedAt = 0;
+}
+
+bool StoreCore::isSteadyLost() {
+    const ThreadState& state = thread();
+    return state.steady && state.cursor->isLost();
+}
+
+CommitResult StoreCore::probe(unsigned milliseconds) {
     static constexpr char key[] = {storage::ownRecords, 'p'};
     if (!isUsable() || options.readOnly)
         return {false, "the store " + url + " cannot be written by this process"};
@@ -184,9 +212,11 @@ CommitResult StoreCore::probe() {
     if (!commits_->reserve(batch->bytes()))
         return {false, "too much is waiting to be written to the store " + url};
     commits_->submit(std::move(batch));
-    if (!commits_->drain(options.patienceMilliseconds))
-        return {false, "the store " + url + " did not commit within " +
-                           std::to_string(options.patienceMilliseconds) + " milliseconds"};
+    const unsigned patience = milliseconds == 0 ? options.patienceMilliseconds : milliseconds;
+    if (!commits_->drain(patience))
+        return {false, (engine_->unreachable ? engine_->folder() + " cannot be reached: " : std::string()) +
+                           "the store " + url + " did not commit within " + std::to_string(patience) +
+                           " milliseconds"};
     return outcome->look();
 }
 

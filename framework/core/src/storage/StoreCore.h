@@ -56,7 +56,11 @@ class StoreCore {
     CommitResult writeOwn(storage::Bytes key, storage::Bytes value);
     bool accepts(std::size_t keySize, std::size_t valueSize, std::string& reason) const;
     CommitResult flush();
-    CommitResult probe();
+    CommitResult probe(unsigned milliseconds);
+    /// This thread's reads keep to one snapshot until as many ends came.
+    void beginSteady();
+    void endSteady();
+    bool isSteadyLost();
 
     void openBatch();
     /// Submits what is collected; `done` may be empty.

@@ -18,7 +18,10 @@ class StoreReader {
     /// Takes the thread's cursor for the object's lifetime, and the overlay from the first operation on that has to look
     /// into it.
     StoreReader(Engine& engine, const Overlay& overlay, ThreadState& state, Use use, bool& snapshotTaken)
-        : engine_(engine), overlay_(overlay), state_(state), somePending_(!overlay.isEmpty()) {
+        : engine_(engine),
+          overlay_(overlay),
+          state_(state),
+          somePending_(!state.steady && !overlay.isEmpty()) {
         if (state.cursor == nullptr)
             state.cursor = engine.makeCursor();
         cursor_ = state.cursor.get();

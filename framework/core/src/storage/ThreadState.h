@@ -28,6 +28,10 @@ struct ThreadState {
     ~ThreadState();
 
     std::shared_ptr<EngineCursor> cursor;
+    // While reads keep to one snapshot: how many ask for that, and the cursor that waits meanwhile.
+    int steadyDepth = 0;
+    bool steady = false;
+    std::shared_ptr<EngineCursor> parked;
     std::vector<unsigned char> fetched;
     Gap gap;
     // The last read went among what is pending, and so will the next: it locks the overlay at once.
