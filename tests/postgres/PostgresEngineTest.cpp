@@ -601,6 +601,14 @@ TEST(Postgres, TheDaemonNeedsNoRightToRemove) {
     EXPECT_FALSE(daemon->remove(path("key")));
     EXPECT_TRUE(has(daemon->flushThread().reason, "permission denied for table qel_items"));
     EXPECT_EQ(valueAt(*daemon, path("key")), encoded("two"));
+    const auto guard = std::make_shared<KeepingGuard>();
+    EXPECT_TRUE(daemon->store(path("key"), text("three").bytes(), guard));
+    EXPECT_EQ(valueAt(*daemon, key(path("kept"), 0)), encoded("two"));
+    {
+        const SteadyRead moment(daemon.get());
+        EXPECT_EQ(valueAt(*daemon, path("key")), encoded("three"));
+        EXPECT_TRUE(moment.result().durable);
+    }
     const auto pruner = openStore(as("qel_prune"));
     EXPECT_TRUE(pruner->remove(path("key")));
 }
