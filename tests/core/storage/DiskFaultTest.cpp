@@ -223,7 +223,80 @@ TEST_F(DiskFault, AStoreThatWasCutIsTold) {
     std::filesystem::resize_file(data, size - 1);
     logging::CaptureSink log;
     reopen();
-    EXPECT_TRUE(log.contains(" lacks 1 bytes at its end")) << size;
+    EXPECT_TRUE(log.contains(" was cut: it lacks 1 pages in use at its end")) << size;
+}
+
+TEST_F(DiskFault, AStoreThatLacksNothingButFreePagesIsWhole) {
+    // Free pages at the end of the file: all that was written after the first entry is removed again.
+    write(path("first"), "v");
+    {
+        WriteBatch batch;
+        for (int i = 0; i < 300; ++i)
+            write(key(path("log"), i), std::string(4000, 'v'));
+        ASSERT_TRUE(batch.commit().durable);
+    }
+    {
+        WriteBatch batch;
+        for (int i = 0; i < 300; ++i)
+            key(path("log"), i).remove();
+        ASSERT_TRUE(batch.commit().durable);
+    }
+    // Some commits more, until the tree has moved to the front.
+    for (int i = 0; i < 8; ++i)
+        write(path("first"), "again");
+    close();
+    const std::string data = folder_ / "store/data.mdb";
+    const std::string whole = TemporaryFolder::read(data);
+    int opened = 0;
+    for (std::size_t size = whole.size() - 5000; size > 20 * 4096; size -= 33 * 4096) {
+        folder_.write("store/data.mdb", whole.substr(0, size));
+        logging::CaptureSink log;
+        reopen();
+        EXPECT_EQ(read(path("first")), "again");
+        EXPECT_FALSE(log.contains("was cut")) << size;
+        EXPECT_EQ(StoreTools::verify(*store_, {}).faults, 0U);
+        ++opened;
+        close();
+    }
+    EXPECT_GT(opened, 3);
+}
+
+// Wherever it was cut, it opens or says why not, and silence means that nothing is gone.
+TEST_F(DiskFault, OpeningAStoreThatWasCutAnywhereEndsNoProcess) {
+    for (int i = 0; i < 600;) {
+        WriteBatch batch;
+        for (const int end = i + 40; i < end; ++i)
+            write(key(path("log"), i), std::string(static_cast<std::size_t>(200 + 37 * (i % 90)), 'v'));
+    }
+    for (int i = 0; i < 600;) {
+        WriteBatch batch;
+        for (const int end = i + 40; i < end; i += 2)
+            key(path("log"), i).remove();
+    }
+    close();
+    const std::string whole = TemporaryFolder::read(folder_ / "store/data.mdb");
+    const std::size_t pages = whole.size() / 4096;
+    ASSERT_GT(pages, 200U);
+    int told = 0;
+    for (std::size_t kept = 2; kept < pages; kept += kept < pages - 20 ? 9 : 1) {
+        folder_.write("store/data.mdb", whole.substr(0, kept * 4096 + 100));
+        const pid_t child = fork();
+        if (child == 0) {
+            logging::CaptureSink log;
+            std::string reason;
+            auto store = ItemStore::open(url(), {}, reason);
+            if (store == nullptr || log.contains("was cut"))
+                _exit(1);
+            const auto outcome = StoreTools::verify(*store, {});
+            _exit(outcome.result.durable && outcome.faults == 0 && outcome.entries >= 300 ? 0 : 2);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        ASSERT_TRUE(WIFEXITED(status)) << kept << " of " << pages << " pages: signal " << WTERMSIG(status);
+        ASSERT_LE(WEXITSTATUS(status), 1) << kept << " of " << pages << " pages";
+        told += WEXITSTATUS(status);
+    }
+    EXPECT_GT(told, 20);
 }
 
 TEST_F(DiskFault, TheStoreReopensAfterAFatalError) {

@@ -72,7 +72,10 @@ bool LmdbCursor::begin(int& error) {
 
 bool LmdbCursor::place(MDB_val& key, MDB_cursor_op op) {
     MDB_val value;
-    const int error = mdb_cursor_get(cursor_, &key, &value, op);
+    int error = mdb_cursor_get(cursor_, &key, &value, op);
+    // The engine reads a page of zeros as entries with empty keys, which it never stores.
+    if (error == 0 && key.mv_size == 0)
+        error = MDB_CORRUPTED;
     positioned_ = error == 0;
     if (positioned_) {
         key_ = {static_cast<const char*>(key.mv_data), key.mv_size};

@@ -61,15 +61,27 @@ bool LmdbEngine::start(const std::string& path, std::string& reason) {
     // Before the environment opens it: closing a file drops this process's locks on it.
     if (!StoreFolder::reserve(folder_.file(lockFile), lockFileBytes, options_.fileMode, reason))
         return false;
-    if (!page_.open(folder_.file(pageFile), options_.fileMode, reason) || !openEnvironment(reason))
+    if (!page_.open(folder_.file(pageFile), options_.fileMode, reason))
+        return false;
+    if (page_.isFirst())
+        checkEnd();
+    if (!openEnvironment(reason))
         return false;
     for (const char* const name : {dataFile, lockFile, pageFile, "shared.gate"})
         folder_.adopt(folder_.file(name), options_.fileMode);
-    tellMissingEnd();
     if (page_.isFirst() && !loadClock(reason))
         return false;
     page_.letOthersIn();
     return true;
+}
+
+// Told before anything is read: a page that is gone may end the process.
+void LmdbEngine::checkEnd() const {
+    const std::uint64_t lost = lostPages(folder_.file(dataFile));
+    if (lost != 0)
+        logging::MessageStream(3, 2) << "the data file of the store " << folder_.path()
+                                     << " was cut: it lacks " << lost
+                                     << " pages in use at its end; restore a backup of it";
 }
 
 bool LmdbEngine::openEnvironment(std::string& reason) {

@@ -24,9 +24,10 @@ class LmdbEngine final : public Engine {
                                             std::string& reason);
     ~LmdbEngine() override;
 
-    /// Bytes that a store's data file lacks at its end for the pages it speaks of; zero when it is whole, or no such
-    /// file. Reading a page that is not there would be the end of the process.
-    static std::uint64_t missingBytes(const std::string& file);
+    /// How many pages in use a store's data file lacks at its end; zero when it is whole, or no such file. Nobody may have it
+    /// open. Free pages may never have been written, and nothing is wrong with a file that lacks those only. The end is
+    /// filled with zeros: reading behind the end of a file would be the end of the process.
+    static std::uint64_t lostPages(const std::string& file);
 
     std::shared_ptr<EngineCursor> makeCursor() override;
     void adoptGrowth() override;
@@ -51,7 +52,7 @@ class LmdbEngine final : public Engine {
     bool openEnvironment(std::string& reason);
     int tryOpen(std::size_t mapBytes);
     bool loadClock(std::string& reason);
-    void tellMissingEnd() const;
+    void checkEnd() const;
     bool isRemoved() const;
     void reopen();
     template <typename Action>

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,28 +19,42 @@ namespace {
 
 constexpr MDB_dbi freePagesDatabase = 0;
 
-std::uint64_t countFreePages(MDB_txn* transaction) {
+// Free pages from `first` on. A value of the engine's list is a count and as many page numbers.
+std::uint64_t countFreePages(MDB_txn* transaction, std::size_t first) {
     MDB_cursor* cursor = nullptr;
     if (mdb_cursor_open(transaction, freePagesDatabase, &cursor) != 0)
         return 0;
     std::uint64_t pages = 0;
     MDB_val key;
     MDB_val value;
-    while (mdb_cursor_get(cursor, &key, &value, MDB_NEXT) == 0) {
-        std::size_t count = 0;
-        std::memcpy(&count, value.mv_data, sizeof count);
-        pages += count;
+    // The engine reads a page of zeros as entries with empty keys, which it never stores.
+    while (mdb_cursor_get(cursor, &key, &value, MDB_NEXT) == 0 && key.mv_size != 0) {
+        const auto numberAt = [&value](std::size_t index) {
+            std::size_t number = 0;
+            if ((index + 1) * sizeof number <= value.mv_size)
+                std::memcpy(&number, static_cast<const char*>(value.mv_data) + index * sizeof number,
+                            sizeof number);
+            return number;
+        };
+        const std::size_t count = std::min(numberAt(0), value.mv_size / sizeof(std::size_t));
+        for (std::size_t i = 1; i <= count; ++i)
+            pages += numberAt(i) >= first;
     }
     mdb_cursor_close(cursor);
     return pages;
 }
 
-std::uint64_t neededBytes(MDB_env* environment) {
-    MDB_envinfo info;
-    MDB_stat stat;
-    if (mdb_env_info(environment, &info) != 0 || mdb_env_stat(environment, &stat) != 0)
-        return 0;
-    return (std::uint64_t{info.me_last_pgno} + 1) * stat.ms_psize;
+// Of the pages from `first` on, those that the newest snapshot does not know as free; all of them if its list of free
+// pages is damaged. The engine has no error for each damage that it meets, and ends the process unless it is left.
+std::uint64_t countUsedPages(MDB_env* environment, std::size_t first, std::uint64_t pages) {
+    static thread_local std::jmp_buf wayOut;
+    mdb_env_set_assert(environment, [](MDB_env*, const char*) { std::longjmp(wayOut, 1); });
+    MDB_txn* transaction = nullptr;
+    if (setjmp(wayOut) != 0 || mdb_txn_begin(environment, nullptr, MDB_RDONLY, &transaction) != 0)
+        return pages;
+    const std::uint64_t freePages = countFreePages(transaction, first);
+    mdb_txn_abort(transaction);
+    return pages - std::min(freePages, pages);
 }
 
 struct Readers {
@@ -83,7 +98,7 @@ void LmdbEngine::space(StoreSpace& out) {
     out.entries = stat.ms_entries;
     out.pageBytes = stat.ms_psize;
     out.usedBytes = (stat.ms_branch_pages + stat.ms_leaf_pages + stat.ms_overflow_pages) * stat.ms_psize;
-    out.freePages = countFreePages(transaction);
+    out.freePages = countFreePages(transaction, 0);
     mdb_txn_abort(transaction);
     struct stat file {};
     if (::stat(folder_.file(dataFile).c_str(), &file) == 0)
@@ -93,38 +108,37 @@ void LmdbEngine::space(StoreSpace& out) {
         out.diskFreeBytes = std::uint64_t{system.f_bavail} * system.f_frsize;
 }
 
-// Told before anything is read: where pages in use are missing, reading them ends the process.
-void LmdbEngine::tellMissingEnd() const {
-    int fd = -1;
-    struct stat file {};
-    if (mdb_env_get_fd(environment_, &fd) != 0 || fstat(fd, &file) != 0)
-        return;
-    const std::uint64_t needed = neededBytes(environment_);
-    const auto size = static_cast<std::uint64_t>(file.st_size);
-    if (size < needed)
-        logging::MessageStream(2, 2)
-            << "the data file of the store " << folder_.path() << " lacks " << needed - size
-            << " bytes at its end; unless they were free, it was cut and needs a backup";
-}
-
+// Asks for the number of links only: who looks at a file's times, as fstat does, makes the next write change them, and the
+// flush behind it write the file's inode too.
 bool LmdbEngine::isRemoved() const {
     int fd = -1;
-    struct stat file {};
-    return environment_ != nullptr && mdb_env_get_fd(environment_, &fd) == 0 && fstat(fd, &file) == 0 &&
-           file.st_nlink == 0;
+    struct statx file {};
+    return environment_ != nullptr && mdb_env_get_fd(environment_, &fd) == 0 &&
+           statx(fd, "", AT_EMPTY_PATH, STATX_NLINK, &file) == 0 && file.stx_nlink == 0;
 }
 
-std::uint64_t LmdbEngine::missingBytes(const std::string& file) {
+std::uint64_t LmdbEngine::lostPages(const std::string& file) {
     MDB_env* environment = nullptr;
     struct stat found {};
-    std::uint64_t needed = 0;
+    std::uint64_t lost = 0;
     if (::stat(file.c_str(), &found) != 0 || mdb_env_create(&environment) != 0)
         return 0;
-    if (mdb_env_open(environment, file.c_str(), MDB_NOSUBDIR | MDB_RDONLY | MDB_NOLOCK, 0) == 0)
-        needed = neededBytes(environment);
+    // The smallest map that holds the pages.
+    mdb_env_set_mapsize(environment, 1);
+    if (mdb_env_open(environment, file.c_str(), MDB_NOSUBDIR | MDB_RDONLY | MDB_NOLOCK, 0) == 0) {
+        MDB_envinfo info;
+        MDB_stat stat;
+        mdb_env_info(environment, &info);
+        mdb_env_stat(environment, &stat);
+        const std::uint64_t pages = std::uint64_t{info.me_last_pgno} + 1;
+        const std::uint64_t there = static_cast<std::uint64_t>(found.st_size) / stat.ms_psize;
+        if (there < pages)
+            lost = truncate(file.c_str(), static_cast<off_t>(pages * stat.ms_psize)) == 0
+                       ? countUsedPages(environment, there, pages - there)
+                       : pages - there;
+    }
     mdb_env_close(environment);
-    const auto size = static_cast<std::uint64_t>(found.st_size);
-    return needed > size ? needed - size : 0;
+    return lost;
 }
 
 CommitResult LmdbEngine::copyTo(const std::string& file, bool compact) {
@@ -135,13 +149,6 @@ CommitResult LmdbEngine::copyTo(const std::string& file, bool compact) {
         return {false, "cannot make the copy " + file + ": " + std::strerror(errno)};
     int error =
         environment_ == nullptr ? MDB_PANIC : mdb_env_copyfd2(environment_, fd, compact ? MDB_CP_COMPACT : 0);
-    // Free pages at the end may never have been written. A copy has them all, so that a shorter one is a cut one.
-    struct stat copy {};
-    if (error == 0 && !compact && fstat(fd, &copy) == 0) {
-        const auto needed = static_cast<off_t>(neededBytes(environment_));
-        if (copy.st_size < needed && ftruncate(fd, needed) != 0)
-            error = errno;
-    }
     if (error == 0 && fsync(fd) != 0)
         error = errno;
     if (close(fd) != 0 && error == 0)

@@ -78,8 +78,11 @@ void check(ItemStore& store, const Item& key, const Item& before, StoreTools::Ou
     };
     if (!key.isWellFormed())
         tell("the key does not decode");
-    if (!before.isEmpty() && Item::compare(before, key) >= 0)
+    if (!before.isEmpty() && Item::compare(before, key) >= 0) {
         tell("the key does not sort behind the one before it, " + before.asString().str());
+        // A walk that turns back may never end.
+        outcome.result = {false, "a damaged page ended the walk at " + key.asString().str()};
+    }
     const ConstByteSpan value = store.fetch(key);
     outcome.bytes += key.size() + value.size();
     if (!Item::isWellFormed(value))
@@ -94,7 +97,7 @@ StoreTools::Outcome StoreTools::verify(ItemStore& store, const Fault& fault, con
     const std::uint64_t faultsBefore = engine.readFaults;
     Item before;
     Item key;
-    while (goesOn(outcome, progress) && store.nextKey(key)) {
+    while (outcome.result && goesOn(outcome, progress) && store.nextKey(key)) {
         check(store, key, before, outcome, fault);
         ++outcome.entries;
         before = key;
@@ -135,10 +138,9 @@ CommitResult StoreTools::restore(const std::string& file, const std::string& pat
     const std::string unfinished = data + ".unfinished";
     unlink(unfinished.c_str());
     CommitResult result = copyFile(file, unfinished);
-    if (const std::uint64_t missing = result ? storage::LmdbEngine::missingBytes(unfinished) : 0;
-        missing != 0)
-        result = {false, "the backup " + file + " lacks " + std::to_string(missing) +
-                             " bytes at its end: it was cut on its way"};
+    if (const std::uint64_t lost = result ? storage::LmdbEngine::lostPages(unfinished) : 0; lost != 0)
+        result = {false, "the backup " + file + " lacks " + std::to_string(lost) +
+                             " pages in use at its end: it was cut on its way"};
     if (result)
         result = giveName(unfinished, data);
     if (result) {
