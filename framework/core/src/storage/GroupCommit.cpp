@@ -73,8 +73,8 @@ void GroupCommit::add(std::unique_ptr<PendingBatch> batch) {
     collecting_->bytes += batch->bytes();
     collecting_->batches.push_back(std::move(batch));
     const std::size_t count = collecting_->batches.size();
-    collected_.store(count, std::memory_order_relaxed);
-    if (committing_ && count == expected_)
+    collected_ = count;
+    if (phase_ == Phase::gathering && count == expected_)
         company_.notify_one();
 }
 
@@ -102,51 +102,69 @@ void GroupCommit::submitAndWait(std::unique_ptr<PendingBatch> batch) {
 }
 
 void GroupCommit::commitOrWait(std::unique_lock<std::mutex>& lock, const Ticket& ticket) {
-    while (!ticket->done) {
-        if (!committing_) {
-            committing_ = true;
+    while (!ticket->isOver()) {
+        if (phase_ == Phase::idle && !isComplete()) {
             gather(lock);
-            takeGroup();
-            lock.unlock();
-            commitGroup(*ticket);
-            return;
+            // Whoever came last has taken them all.
+            if (ticket != collecting_)
+                continue;
+        } else if (phase_ == Phase::committing ||
+                   (phase_ == Phase::gathering && !isComplete() && Clock::now() < gatherUntil_)) {
+            wait(lock, ticket);
+            continue;
         }
-        ++ticket->waiters;
-        ticket->changed.wait(lock);
-        --ticket->waiters;
+        takeGroup();
+        lock.unlock();
+        commitGroup(*ticket);
+        return;
     }
 }
 
-// Waits for the company that is expected; awake for short times, without giving up the processor, which on a busy machine
-// would be gone for long.
-void GroupCommit::gather(std::unique_lock<std::mutex>& lock) {
-    if (collecting_->batches.size() >= expected_)
+// Until the writes are durable or lost, or this thread is to commit them. Leaves the mutex unlocked in the first case.
+void GroupCommit::wait(std::unique_lock<std::mutex>& lock, const Ticket& ticket) {
+    // Somebody else commits already: the call is answered.
+    int called = Group::called;
+    ticket->stage.compare_exchange_strong(called, Group::waiting);
+    ++ticket->waiters;
+    lock.unlock();
+    ticket->stage.wait(Group::waiting);
+    if (ticket->isOver())
         return;
+    lock.lock();
+    --ticket->waiters;
+}
+
+// Waits for the company that is expected; awake for short times, but lets others have the processor.
+void GroupCommit::gather(std::unique_lock<std::mutex>& lock) {
     const auto time = std::clamp<Clock::duration>(lastCommit_ / gatherPart, gatherAtLeast, gatherAtMost);
+    const auto until = Clock::now() + time;
+    const std::uint64_t taken = groupsTaken_;
+    phase_ = Phase::gathering;
+    gatherUntil_ = until;
     if (time > gatherAwake) {
-        company_.wait_for(lock, time, [this] { return collecting_->batches.size() >= expected_; });
+        company_.wait_until(lock, until, [&] { return isComplete() || groupsTaken_ != taken; });
         return;
     }
     const std::size_t expected = expected_;
     lock.unlock();
-    const auto until = Clock::now() + time;
-    while (collected_.load(std::memory_order_relaxed) < expected && Clock::now() < until) {
-    }
+    while (collected_ < expected && groupsTaken_ == taken && Clock::now() < until)
+        std::this_thread::yield();
     lock.lock();
 }
 
 // The caller holds the mutex; the group that was collected becomes the running one.
 GroupCommit::Ticket GroupCommit::takeGroup() {
-    committing_ = true;
+    phase_ = Phase::committing;
     urgent_ = false;
-    collected_.store(0, std::memory_order_relaxed);
+    collected_ = 0;
+    ++groupsTaken_;
     running_ = std::exchange(collecting_, std::make_shared<Group>());
     return running_;
 }
 
 bool GroupCommit::drain(unsigned milliseconds) {
     std::unique_lock lock(mutex_);
-    if (collecting_->batches.empty() && !committing_)
+    if (collecting_->batches.empty() && phase_ != Phase::committing)
         return true;
     // Groups are committed one after the other: the last one's end is everyone's.
     const Ticket ticket = collecting_->batches.empty() ? running_ : collecting_;
@@ -156,8 +174,7 @@ bool GroupCommit::drain(unsigned milliseconds) {
     }
     urgent_ = true;
     work_.notify_one();
-    return ticket->changed.wait_for(lock, std::chrono::milliseconds(milliseconds),
-                                    [&] { return ticket->done; });
+    return room_.wait_for(lock, std::chrono::milliseconds(milliseconds), [&] { return ticket->isOver(); });
 }
 
 void GroupCommit::snapshotTaken() {
@@ -166,7 +183,7 @@ void GroupCommit::snapshotTaken() {
 }
 
 bool GroupCommit::isDue(Clock::time_point now) const {
-    if (committing_ || collecting_->batches.empty())
+    if (phase_ != Phase::idle || collecting_->batches.empty())
         return false;
     return urgent_ || stopping_ || now >= deadline_;
 }
@@ -174,7 +191,7 @@ bool GroupCommit::isDue(Clock::time_point now) const {
 void GroupCommit::waitForWork(std::unique_lock<std::mutex>& lock) {
     const auto now = Clock::now();
     auto until = now + (sweeping_ ? Clock::duration(sweepInterval) : Clock::duration(idleInterval));
-    if (!collecting_->batches.empty() && !committing_)
+    if (!collecting_->batches.empty() && phase_ == Phase::idle)
         until = std::min(until, deadline_);
     work_.wait_until(lock, until);
 }
@@ -182,7 +199,7 @@ void GroupCommit::waitForWork(std::unique_lock<std::mutex>& lock) {
 void GroupCommit::run() {
     auto lastSweep = Clock::now();
     std::unique_lock lock(mutex_);
-    while (!stopping_ || committing_ || !collecting_->batches.empty()) {
+    while (!stopping_ || phase_ != Phase::idle || !collecting_->batches.empty()) {
         ++turns_;
         const auto now = Clock::now();
         if (isDue(now)) {
@@ -218,21 +235,22 @@ void GroupCommit::commitGroup(Group& group) {
         bytes += batch->bytes();
     }
     commitPart(part);
-    const std::size_t count = group.batches.size();
-    group.batches.clear();
     {
         const std::lock_guard guard(mutex_);
-        expected_ = count + collecting_->batches.size();
+        expected_ = group.batches.size() + collecting_->batches.size();
         lastCommit_ = Clock::now() - start;
-        committing_ = false;
-        group.done = true;
+        phase_ = Phase::idle;
+        group.stage = Group::over;
         room_.notify_all();
-        if (collecting_->waiters != 0)
-            collecting_->changed.notify_one();
-        else if (!collecting_->batches.empty() || stopping_)
+        if (collecting_->waiters != 0) {
+            collecting_->stage = Group::called;
+            collecting_->stage.notify_one();
+        } else if (!collecting_->batches.empty() || stopping_) {
             work_.notify_one();
+        }
     }
-    group.changed.notify_all();
+    group.stage.notify_all();
+    group.batches.clear();
 }
 
 void GroupCommit::commitPart(std::vector<PendingBatch*>& part) {

@@ -20,14 +20,16 @@ namespace qel::storage {
 /// a certain thread to be scheduled. Any thread may submit.
 class GroupCommit {
   public:
-    /// Batches committed together. `done` is set when they are durable or lost. All guarded by the mutex.
+    /// Batches committed together. Guarded by the mutex but for `stage`, which its waiters sleep on, so that all of them
+    /// are woken at once and none has to queue for the mutex to learn that its writes are durable or lost.
     struct Group {
+        /// `called`: one of those that wait is to commit.
+        enum Stage { waiting, called, over };
         std::vector<std::unique_ptr<PendingBatch>> batches;
         std::size_t bytes = 0;
-        bool done = false;
-        // Writers that wait, for the end or for their turn to commit.
         unsigned waiters = 0;
-        std::condition_variable changed;
+        std::atomic<int> stage{waiting};
+        bool isOver() const { return stage.load(std::memory_order_acquire) == over; }
     };
     using Ticket = std::shared_ptr<Group>;
 
@@ -57,7 +59,9 @@ class GroupCommit {
     void run();
     void add(std::unique_ptr<PendingBatch> batch);
     void commitOrWait(std::unique_lock<std::mutex>& lock, const Ticket& ticket);
+    void wait(std::unique_lock<std::mutex>& lock, const Ticket& ticket);
     void gather(std::unique_lock<std::mutex>& lock);
+    bool isComplete() const { return collecting_->batches.size() >= expected_; }
     void waitForWork(std::unique_lock<std::mutex>& lock);
     bool isDue(Clock::time_point now) const;
     Ticket takeGroup();
@@ -79,10 +83,14 @@ class GroupCommit {
     // Batches in `collecting_`, and how many writers took part in the last commit or came while it ran.
     std::atomic<std::size_t> collected_{0};
     std::size_t expected_ = 0;
+    /// While a writer gathers, the next that comes takes its place when the company is complete or the time is over.
+    enum class Phase { idle, gathering, committing };
+    Phase phase_ = Phase::idle;
+    Clock::time_point gatherUntil_;
+    std::atomic<std::uint64_t> groupsTaken_{0};
     Clock::duration lastCommit_{};
     Clock::time_point deadline_;
     bool urgent_ = false;
-    bool committing_ = false;
     bool stopping_ = false;
     std::function<void(const CommitReport&)> observer_;
 

@@ -96,6 +96,8 @@ std::unique_ptr<ItemStore> ItemStore::open(std::string_view url, const StoreOpti
     auto core = std::make_unique<StoreCore>(std::move(engine), std::string(url), options);
     if (!StoreRecords(*core).prepare(reason))
         return nullptr;
+    // While a snapshot is held, no commit finds a page to use again.
+    core->forgetSnapshot();
     return std::unique_ptr<ItemStore>(new ItemStore(std::move(core)));
 }
 
