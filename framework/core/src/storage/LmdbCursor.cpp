@@ -98,7 +98,15 @@ bool LmdbCursor::seekBefore(Bytes key) {
 
 bool LmdbCursor::move(MDB_cursor_op op) {
     MDB_val key;
-    return place(key, op);
+    const char* const last = key_.data();
+    if (!place(key, op))
+        return false;
+    // Entries that were written in order lie at even distances: the one after the next is asked for in time.
+    const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(key_.data());
+    const std::uintptr_t ahead = at + 3 * (at - reinterpret_cast<std::uintptr_t>(last));
+    for (std::uintptr_t line = 0; line < 192; line += 64)
+        __builtin_prefetch(reinterpret_cast<const void*>(ahead + line));
+    return true;
 }
 
 }  // namespace qel::storage
