@@ -27,7 +27,7 @@ struct AsideEntry {
 
 /// What the library could neither deliver nor leave where it was, so that no evidence disappears in silence.
 /// It lies in the same store outside every log's path (below the side path "aside", docs/formats/log.md), and
-/// is bounded: once `limit` entries are kept for one log and reason, further ones are only logged. Any thread.
+/// is bounded: once `limit` entries are kept for one log and reason, others are only logged. Any thread.
 class QELAUDITING_EXPORT AuditAside {
   public:
     /// Entries kept per log and reason: enough to see what went wrong, at most some megabytes of usual

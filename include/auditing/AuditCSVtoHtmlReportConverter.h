@@ -43,8 +43,8 @@ class QELAUDITING_EXPORT AuditCSVtoHtmlReportConverter : public Delegate<List<St
     Vector<String> interactionLogLines() const;
     Vector<String> auditLogLines() const;
 
-    /// The times of the first and the last dated line (of the two logs, the earlier first and the later last);
-    /// false, with both as they were, when no line has a plausible date.
+    /// The times of the first and the last dated line (of the two logs, the earlier first and the later
+    /// last); false, with both as they were, when no line has a plausible date.
     bool coveredPeriod(UTCDateTime& first, UTCDateTime& last) const;
 
     /// How many dated lines lie before `start` or after `end`.

@@ -37,12 +37,12 @@ class QELAUDITING_EXPORT AuditExport {
     /// The header line of an exported file, without line end.
     static const char* csvHeader();
 
-    /// Appends to `text` the line that exportCSV writes, line end included, for a line as getLines returns it: for
-    /// clients that fetched lines and want text.
+    /// Appends to `text` the line that exportCSV writes, line end included, for a line as getLines returns
+    /// it: for clients that fetched lines and want text.
     static void appendCsvLine(std::string& text, const Item& line);
 
-    /// How many entries exportCSV writes for that range, by walking it; the walk ends when it has seen more than
-    /// `most`.
+    /// How many entries exportCSV writes for that range, by walking it; the walk ends when it has seen more
+    /// than `most`.
     static unsigned long long countLines(const Item& log, long long startTime, long long endTime,
                                          unsigned long long most = ~0ULL);
 

@@ -29,9 +29,9 @@ struct AuditServiceStatistics {
 /// A record is stored under the path followed by the nested item [time, origin checksum]; its value is
 /// [user, device, event, parameter, …]. An event sent again by the same origin with the same time lands on
 /// the same key, so a retransmission leaves one record. Other content found under such a key is kept aside
-/// first (AuditAside). An event that the store refuses, for it exceeds the limits told in the handshake, is neither
-/// stored nor acknowledged, and those around it are: it stays with its sender, who keeps such an event aside once
-/// the limit is known there.
+/// first (AuditAside). An event that the store refuses, for it exceeds the limits told in the handshake, is
+/// neither stored nor acknowledged, and those around it are: it stays with its sender, who keeps such an
+/// event aside once the limit is known there.
 class QELAUDITING_EXPORT AuditService : public Service {
     QEL_CLASS(AuditService, Service)
     /// Called after each stored event, before it is durable, on the network thread of its connection; must

@@ -16,8 +16,8 @@
 #include "qelCore/String.h"
 #include "qelNet/MemoryTransport.h"
 
-/// What a host's tests need to prove that its events arrive: a store that is gone afterwards, and a central service in the
-/// same process, without sockets, threads or certificates.
+/// What a host's tests need to prove that its events arrive: a store that is gone afterwards, and a central
+/// service in the same process, without sockets, threads or certificates.
 ///
 ///     qel::testkit::TemporaryStore store;
 ///     qel::testkit::FakeAuditService service("anna", "reading-room-1");
@@ -27,8 +27,8 @@
 ///     EXPECT_EQ(service.received(), (Events{{"anna", "reading-room-1", "SeriesOpened", "1.2.3"}}));
 namespace qel::testkit {
 
-/// A store in a folder of its own, the process's current one while the object lives; then the folder is removed. One at a
-/// time. Make it before whatever appends, and let it outlive that.
+/// A store in a folder of its own, the process's current one while the object lives; then the folder is
+/// removed. One at a time. Make it before whatever appends, and let it outlive that.
 class TemporaryStore {
   public:
     /// Throws std::runtime_error with the reason when no store can be made.
@@ -62,8 +62,8 @@ class TemporaryStore {
     std::unique_ptr<ItemStore> store_;
 };
 
-/// A central service that knows one workstation, which it is connected with at once. It keeps what it receives in the
-/// current store, so a TemporaryStore must exist. Everything runs on the thread that calls; use one.
+/// A central service that knows one workstation, which it is connected with at once. It keeps what it gets in
+/// the current store, so a TemporaryStore must exist. Everything runs on the thread that calls; use one.
 class FakeAuditService {
   public:
     /// One received event: user, device, event name and parameters as texts.
@@ -80,8 +80,8 @@ class FakeAuditService {
     Peer* getPeer() const { return transport_.getPeer(); }
     void deliver() { transport_.deliver(); }
 
-    /// Sends everything that waits in `queue` and takes the acknowledgements, as an agent does. Afterwards the queue is
-    /// empty, unless the connection is cut.
+    /// Sends everything that waits in `queue` and takes the acknowledgements, as an agent does. Afterwards
+    /// the queue is empty, unless the connection is cut.
     void forward(AuditSequence& queue) {
         AuditClient client(getPeer(), name_.c_str());
         AuditClient::AuditQuery query(&client, queue);

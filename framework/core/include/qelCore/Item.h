@@ -109,8 +109,8 @@ class QELCORE_EXPORT Item {
     /// Moves to the nearest existing sibling behind this position, which need not exist itself; descendants
     /// are passed over. False, and unmoved, when there is none.
     bool next();
-    /// As `next`, and sets `value` to what `fetch` returns there: one look at the store instead of two, for walks
-    /// that read every entry.
+    /// As `next`, and sets `value` to what `fetch` returns there: one look at the store instead of two, for
+    /// walks that read every entry.
     bool next(ConstByteSpan& value);
     /// Moves to the nearest existing sibling before this position. False, and unmoved, when there is none.
     bool prev();

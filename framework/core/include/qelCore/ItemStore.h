@@ -38,15 +38,15 @@ class QELCORE_EXPORT OverwriteGuard {
 /// owns it and closes it by destroying the object, after the threads that use it have stopped; what is
 /// pending is committed first.
 ///
-/// Threads: one commit thread per open store, and writers that wait commit for each other. All writes pending at
-/// one moment, of all threads, become one durable transaction. A store does not survive `fork`: in the child
-/// every operation fails with a log line.
+/// Threads: one commit thread per open store, and writers that wait commit for each other. All writes pending
+/// at one moment, of all threads, become one durable transaction. A store does not survive `fork`: in the
+/// child every operation fails with a log line.
 class QELCORE_EXPORT ItemStore {
   public:
-    /// Opens the store that `url` names: "lmdb:PATH", a folder, or "postgresql://…", a database that programs of several
-    /// machines share (docs/postgresql.md; there reads see what other processes commit within 200 ms, and unique times
-    /// are unique within the process). Null when that cannot be done, and `reason`
-    /// says why in one sentence: the file system is a network's, the folder may not be written, the format is
+    /// Opens the store that `url` names: "lmdb:PATH", a folder, or "postgresql://…", a database that programs
+    /// of several machines share (docs/postgresql.md; there reads see what other processes commit within 200
+    /// ms, and unique times are unique within the process). Null when that cannot be done, and `reason` says
+    /// why in one sentence: the file system is a network's, the folder may not be written, the format is
     /// newer than this version, the path is open in this process already (there is one environment per
     /// process and path), ….
     static std::unique_ptr<ItemStore> open(std::string_view url, const StoreOptions& options,
@@ -76,8 +76,8 @@ class QELCORE_EXPORT ItemStore {
     bool prev(Item& position);
     ConstByteSpan fetch(const Item& key);
     /// As `Item::store`; false when the write was refused or, outside a batch and with durability `commit`,
-    /// is not durable. `flush` tells the reason. A key or a value over its limit fails this write only: a batch
-    /// that it was meant for completes without it. A write that found no room in time fails its batch.
+    /// is not durable. `flush` tells the reason. A key or a value over its limit fails this write only: a
+    /// batch that it was meant for completes without it. A write that found no room in time fails its batch.
     bool store(const Item& key, ConstByteSpan value);
     /// The same for a write that must not make other content vanish: `guard` is told what stood there, also when
     /// another process that shares a database wrote it a moment ago.
@@ -144,8 +144,8 @@ class QELCORE_EXPORT ItemStore {
 
     StoreStatistics statistics() const;
     StoreSpace space();
-    /// Called after each commit on the thread that made it; must be quick and must not use the store. Replaces the
-    /// last one.
+    /// Called after each commit on the thread that made it; must be quick and must not use the store.
+    /// Replaces the last one.
     void setCommitObserver(std::function<void(const CommitReport&)> observer);
 
   private:

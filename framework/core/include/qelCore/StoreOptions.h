@@ -26,7 +26,7 @@ struct StoreOptions {
     unsigned deferredMilliseconds = 50;
     /// False: a store that does not exist is an error.
     bool create = true;
-    /// Looks only: every write is refused. The folder must be writable all the same, for readers leave a mark there.
+    /// Looks only: every write is refused. The folder must be writable all the same: readers leave marks.
     bool readOnly = false;
     /// Address space reserved at once; the file stays as small as its content. Grown, with a short stop of
     /// all readers of this process, if it ever fills.

@@ -13,9 +13,9 @@ namespace qel {
 
 class ItemStore;
 
-/// Work on whole stores that are in use meanwhile: check, copy, save, bring back. No state; any thread, one long call at
-/// a time per thread. Walks renew their snapshot as they go and pin no part of the store; a backup pins one for its
-/// duration, so that the file can grow by what is written meanwhile.
+/// Work on whole stores that are in use meanwhile: check, copy, save, bring back. No state; any thread, one
+/// long call at a time per thread. Walks renew their snapshot as they go and pin no part of the store; a
+/// backup pins one for its duration, so that the file can grow by what is written meanwhile.
 class QELCORE_EXPORT StoreTools {
   public:
     /// Called now and then with the number of entries done; returning false ends the work early.
@@ -33,16 +33,16 @@ class QELCORE_EXPORT StoreTools {
         bool stopped = false;
     };
 
-    /// Reads every entry: keys and values decode, keys ascend, nothing is over the limits, the engine finds no damaged
-    /// page. `result` says whether it was read to its end.
+    /// Reads every entry: keys and values decode, keys ascend, nothing is over the limits, the engine finds
+    /// no damaged page. `result` says whether it was read to its end.
     static Outcome verify(ItemStore& store, const Fault& fault, const Progress& progress = {});
 
-    /// Writes a consistent copy of the store as it is at this moment to one file, which appears under its name only when
-    /// it is whole and on disk, and replaces an older one. `compact` leaves out unused pages, which takes longer.
+    /// Writes a consistent copy of the store as it is at this moment to one file, which appears under its
+    /// name only when it is whole and on disk, replacing an older one. `compact` skips unused pages (slower).
     static CommitResult backup(ItemStore& store, const std::string& file, bool compact);
 
-    /// Makes a store in the folder `path`, which must not hold one, from a file that `backup` wrote; checks it by opening it.
-    /// On failure nothing stays behind.
+    /// Makes a store in the folder `path`, which must not hold one, from a file that `backup` wrote; checks
+    /// it by opening it. On failure nothing stays behind.
     static CommitResult restore(const std::string& file, const std::string& path,
                                 const StoreOptions& options = {});
 

@@ -24,8 +24,8 @@ struct QELNET_EXPORT RpcRequest {
     /// Makes the folders of the targets when the service has announced the files, not before: a call that is
     /// refused leaves no trace here.
     bool createFolders = false;
-    /// Rows of a result that are taken, as of RpcUse; the service refuses to make a larger one. 0: whatever the
-    /// service allows.
+    /// Rows of a result that are taken, as of RpcUse; the service refuses to make a larger one. 0: whatever
+    /// the service allows.
     std::uint64_t largestRows = 0;
     /// Bytes of a result that are taken; a larger one is refused.
     std::uint64_t largestResult = std::uint64_t{512} << 20;
@@ -71,8 +71,8 @@ class QELNET_EXPORT RpcClient {
     /// Told now and then by the waiting thread; returning false cancels the call.
     using Progress = std::function<bool(const RpcProgress&)>;
 
-    /// `peer` is connected, and outlives it. `service` is the name of the RpcService. Lives on one connection:
-    /// after it was lost make a new one.
+    /// `peer` is connected, and outlives it. `service` is the name of the RpcService. Lives on one
+    /// connection: after it was lost make a new one.
     RpcClient(Peer* peer, const std::string& service);
     ~RpcClient();
     RpcClient(const RpcClient&) = delete;

@@ -40,8 +40,8 @@ class QELNET_EXPORT RpcGuard {
     /// caller is told "not permitted", and a log line names user, device, address and call.
     virtual bool permits(const RpcCaller& caller, const RpcProvider::Call& call) = 0;
 
-    /// Asked on a handler thread directly before the handler. A sentence refuses the call as one with a result of
-    /// more than `mostRows`: cheaper than making the result first. The base lets all pass.
+    /// Asked on a handler thread directly before the handler. A sentence refuses the call as one with a
+    /// result of more than `mostRows`: cheaper than making the result first. The base lets all pass.
     virtual std::string examine(const RpcCaller& caller, const RpcProvider::Call& call, const Item& arguments,
                                 std::uint64_t mostRows);
 

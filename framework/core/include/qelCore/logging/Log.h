@@ -32,8 +32,8 @@ QELCORE_EXPORT const char* nameOfLevel(int level);
 
 /// One line as a sink gets it. The text is one line, whatever was streamed in: control characters (line ends,
 /// escape and C1 included), the Unicode line and paragraph separators, and the marks that reverse the writing
-/// direction are replaced by visible escapes such as `\n`, `\x1b` or `\u202e`, and bytes that are no UTF-8 by `\xff`
-/// and the like.
+/// direction are replaced by visible escapes such as `\n`, `\x1b` or `\u202e`, and bytes that are no UTF-8 by
+/// `\xff` and the like.
 struct Line {
     UTCDateTime time = 0;
     int level = levelInformation;
