@@ -112,6 +112,24 @@ export function barHeight(page, value, largest) {
     [value, largest]);
 }
 
+/** The printed page: for each sheet its size and its words with their places, all in points, and its lines of text. */
+export async function printed(page, folder, options) {
+  const file = join(folder, 'printed.pdf');
+  const margin = { top: '1cm', right: '1cm', bottom: '1cm', left: '1cm' };  // what browsers leave
+  await page.pdf({ path: file, format: 'A4', printBackground: true, margin, ...options });
+  const text = (...more) => execFileSync('pdftotext', [...more, file, '-'], { encoding: 'utf8' });
+  const lines = text('-layout').split('\f').map(sheet => sheet.split('\n').map(line => line.trim()));
+  const number = (attributes, name) => Number(attributes.match(new RegExp(`${name}="([-0-9.]+)"`))[1]);
+  return text('-bbox').split('<page ').slice(1).map((sheet, i) => ({
+    width: number(sheet, 'width'),
+    height: number(sheet, 'height'),
+    lines: lines[i],
+    words: [...sheet.matchAll(/<word ([^>]*)>([^<]*)</g)].map(([, place, word]) => ({
+      word, left: number(place, 'xMin'), right: number(place, 'xMax'), top: number(place, 'yMin'), bottom: number(place, 'yMax'),
+    })),
+  }));
+}
+
 /** Numbers that only look random. */
 export function numbers(seed) {
   let state = seed;

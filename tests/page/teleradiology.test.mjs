@@ -1,7 +1,8 @@
 // The tables of the quality-control report in a browser.
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
-import { folderFor, guardedPage, open, startBrowser, stopBrowser } from './support.mjs';
+import { dirname } from 'node:path';
+import { folderFor, guardedPage, open, printed, startBrowser, stopBrowser } from './support.mjs';
 
 before(startBrowser);
 after(stopBrowser);
@@ -18,7 +19,8 @@ test('the tables are complete', async t => {
     audit.push([`7/${day}/2025`, 'anna', 'DailyConstancyCheck', '1', '', '1', '0', 'passed', day % 2 ? 'passed' : 'failed'],
       [`7/${day}/2025`, 'bert', 'ConstancyLuxMeter', String(400 + day), '2'],
       [`7/${day}/2025`, 'bert', 'ConstancySpeedTest', 'Quick', `${day}.5`]);
-  const { page, faults } = await open(t, guardedPage(folderFor(t), 'teleradiology', { audit }));
+  const file = guardedPage(folderFor(t), 'teleradiology', { audit });
+  const { page, faults } = await open(t, file);
   const [check, lux, speed] = await readTables(page);
   assert.equal(check.title, 'Daily constancy check');
   assert.deepEqual(check.head, ['Day', 'Tester', 'Line pair grid in center and corners', '5% and 95% fields',
@@ -28,6 +30,21 @@ test('the tables are complete', async t => {
   assert.equal(check.rows[27][7], '❌');
   assert.deepEqual(lux.rows.map(row => row[2]), [...Array(28).keys()].map(day => String(401 + day)));
   assert.deepEqual(speed.rows[27], ['28 Jul 2025 08:00', 'bert', 'Quick', '28.5']);
+
+  // On paper every row is whole, and each sheet that continues a table repeats its head.
+  for (const landscape of [false, true]) {
+    const sheets = await printed(page, dirname(file), { landscape });
+    for (const { title, head, rows } of [lux, speed]) {
+      const wanted = rows.map(row => row.join(' '));
+      const holding = sheets.filter(({ lines }) => lines.some(line => wanted.includes(line.replace(/\s+/g, ' '))));
+      const found = holding.flatMap(({ lines }) => lines.map(line => line.replace(/\s+/g, ' '))).filter(line => wanted.includes(line));
+      assert.deepEqual(found, wanted, title);
+      for (const { lines } of holding)
+        assert.ok(lines.some(line => line.replace(/\s+/g, ' ') === head.join(' ')), `${title}: the head on each sheet`);
+    }
+    for (const { words, width } of sheets)
+      assert.ok(words.every(({ left, right }) => left >= 0 && right <= width));
+  }
   assert.deepEqual(faults, []);
 });
 

@@ -1,8 +1,9 @@
 // The usage report as a reader sees it in a browser.
 import assert from 'node:assert/strict';
 import { existsSync, statSync } from 'node:fs';
+import { dirname } from 'node:path';
 import { after, before, test } from 'node:test';
-import { barHeight, folderFor, guardedPage, numbers, open, readCharts, startBrowser, stopBrowser } from './support.mjs';
+import { barHeight, folderFor, guardedPage, numbers, open, printed, readCharts, startBrowser, stopBrowser } from './support.mjs';
 
 before(startBrowser);
 after(stopBrowser);
@@ -150,11 +151,32 @@ test('a year of all charts', async t => {
     assert.deepEqual(faults, []);
   });
 
-  await t.test('prints to PDF', async () => {
-    const pdf = await page.pdf({ format: 'A4', landscape: true, printBackground: true });
-    assert.equal(pdf.subarray(0, 5).toString(), '%PDF-');
-    const pages = pdf.toString('latin1').match(/\/Type\s*\/Page[^s]/g).length;
-    assert.ok(pages >= 7 && pages <= 25, `${pages} pages`);
+  await t.test('prints every chart whole, on upright and on lying sheets, however wide the window was', async () => {
+    const descriptions = await page.evaluate(() => [...document.querySelectorAll('div[id^="chart-"]')].map(div =>
+      div.nextElementSibling.innerText.replace(/\s+/g, ' ')));
+    for (const [landscape, width] of [[false, 1300], [true, 1300], [true, 2200]]) {
+      await page.setViewportSize({ width, height: 900 });
+      const sheets = await printed(page, dirname(file), { landscape });
+      for (const { words, width, height } of sheets)
+        for (const { word, left, right, top, bottom } of words)
+          assert.ok(left >= 0 && top >= 0 && right <= width && bottom <= height, `${word} is cut`);
+      const texts = sheets.map(({ lines }) => lines.join(' ').replace(/\s+/g, ' '));
+      for (const [i, { title, legend, labels }] of charts.entries()) {
+        const heading = `${title} ${legend[0].text}`;
+        const sheet = texts.filter(text => text.includes(heading));
+        assert.equal(sheet.length, 1, `${title} stands once`);
+        const begin = sheet[0].indexOf(heading);
+        const end = sheet[0].indexOf(descriptions[i], begin);
+        assert.ok(end > begin, `${title} stands above its description`);
+        const words = sheet[0].slice(begin, end).split(' ');
+        // Each bar that is labelled on the screen is labelled on paper, the last month's too.
+        const shown = legend.flatMap(entry => entry.text.split(' ')).concat(labels.filter(label => label !== ''));
+        for (const word of new Set(shown)) {
+          const times = list => list.filter(other => other === word).length;
+          assert.ok(times(words) >= times(shown), `${title}: ${word}`);
+        }
+      }
+    }
   });
 
   await t.test('its files lie beside it', () => {
