@@ -30,12 +30,21 @@ usage() {
     exit 1
 }
 
-# step NAME TEXT COMMAND…: one line with the time taken; on failure the end of the log and where the whole of it lies.
+# step NAME TEXT COMMAND…: one line with the time taken; on failure the end of the log and where the whole of it lies. The
+# first failing line of COMMAND ends it. The shell heeds that only outside conditions: so neither `if step` nor `step ||`, here
+# or in a caller, but the status afterwards.
 step() {
-    local name=$1 text=$2 begin=$SECONDS status=0
+    local name=$1 text=$2 begin=$SECONDS status=0 before=+e
     shift 2
     printf '%-58s' "$text"
-    "$@" >"$logs/$name.log" 2>&1 </dev/null || status=$?
+    case $- in *e*) before=-e ;; esac
+    set +e
+    (
+        set -e
+        "$@"
+    ) >"$logs/$name.log" 2>&1 </dev/null
+    status=$?
+    set $before
     if [ $status = 0 ]; then
         printf 'ok   %4d s\n' $((SECONDS - begin))
         return 0
