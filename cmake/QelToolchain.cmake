@@ -21,6 +21,9 @@ find_package(Threads REQUIRED)
 add_library(qel_options INTERFACE)
 target_compile_options(qel_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
 target_compile_definitions(qel_options INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED SPDLOG_FMT_EXTERNAL SPDLOG_COMPILED_LIB)
+# asio looks for this one by a macro that only a header of the standard library sets: without a word from here, sources
+# that include asio first would take memory with operator new, which others then give back with free.
+target_compile_definitions(qel_options INTERFACE ASIO_HAS_STD_ALIGNED_ALLOC=1)
 
 if(QEL_SANITIZE)
   add_compile_options(-fsanitize=${QEL_SANITIZE} -fno-omit-frame-pointer)
