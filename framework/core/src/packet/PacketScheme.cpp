@@ -20,11 +20,17 @@ struct Registry {
     std::vector<PacketScheme*> schemes;
 };
 
-// Made at first use and never destroyed: schemes of libraries come and go before and after this one's
-// statics.
+// There before any initialiser runs and never destroyed: schemes of libraries come and go before and after this
+// one's statics. The last scheme leaves nothing allocated, as the library may be unloaded next.
+union Kept {
+    Registry registry;
+    constexpr Kept() : registry() {}
+    ~Kept() {}
+};
+constinit Kept kept;
+
 Registry& registry() {
-    static Registry* const instance = new Registry;
-    return *instance;
+    return kept.registry;
 }
 
 struct ScalarType {
@@ -39,18 +45,18 @@ ScalarType scalarType() {
 }
 
 PacketScheme::Kind kindOfType(const std::type_info* type, int size) {
-    static const auto* const types =
-        new std::array{scalarType<bool>(),          scalarType<char>(),      scalarType<signed char>(),
-                       scalarType<unsigned char>(), scalarType<short>(),     scalarType<unsigned short>(),
-                       scalarType<int>(),           scalarType<unsigned>(),  scalarType<long>(),
-                       scalarType<unsigned long>(), scalarType<long long>(), scalarType<unsigned long long>(),
-                       scalarType<float>(),         scalarType<double>()};
+    static const std::array types{
+        scalarType<bool>(),          scalarType<char>(),      scalarType<signed char>(),
+        scalarType<unsigned char>(), scalarType<short>(),     scalarType<unsigned short>(),
+        scalarType<int>(),           scalarType<unsigned>(),  scalarType<long>(),
+        scalarType<unsigned long>(), scalarType<long long>(), scalarType<unsigned long long>(),
+        scalarType<float>(),         scalarType<double>()};
     if (type == nullptr)
         return PacketScheme::noKind;
-    const auto found = std::find_if(types->begin(), types->end(), [&](const ScalarType& known) {
+    const auto found = std::find_if(types.begin(), types.end(), [&](const ScalarType& known) {
         return known.type == std::type_index(*type) && known.size == size;
     });
-    return found == types->end() ? PacketScheme::noKind : found->kind;
+    return found == types.end() ? PacketScheme::noKind : found->kind;
 }
 
 const char* orEmpty(const char* text) {
@@ -67,7 +73,10 @@ PacketScheme::PacketScheme(short type, const char* protocol, const char* session
 
 PacketScheme::~PacketScheme() {
     const std::lock_guard lock(registry().mutex);
-    std::erase(registry().schemes, this);
+    auto& schemes = registry().schemes;
+    std::erase(schemes, this);
+    if (schemes.empty())
+        schemes.shrink_to_fit();
 }
 
 int PacketScheme::getElementCount(short version) const {
