@@ -1,6 +1,11 @@
 #include "qelNet/Network.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
 
 #include "support/NetworkFixture.h"
 #include "wire/OpenSsl.h"
@@ -18,6 +23,36 @@ long long now() {
     using namespace std::chrono;
     return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
 }
+
+/// A port that answers no call: its queue is full, and nobody accepts.
+class SilentPort {
+  public:
+    SilentPort() {
+        socklen_t length = sizeof(place_);
+        place_.sin_family = AF_INET;
+        place_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        auto* const address = reinterpret_cast<sockaddr*>(&place_);
+        EXPECT_EQ(::bind(sockets_[0], address, length), 0);
+        EXPECT_EQ(::getsockname(sockets_[0], address, &length), 0);
+        EXPECT_EQ(::listen(sockets_[0], 0), 0);
+        for (std::size_t i = 1; i < sockets_.size(); ++i)
+            (void)::connect(sockets_[i], address, length);
+    }
+    ~SilentPort() {
+        for (const int socket : sockets_)
+            ::close(socket);
+    }
+    SilentPort(const SilentPort&) = delete;
+    SilentPort& operator=(const SilentPort&) = delete;
+
+    std::string address() const { return "127.0.0.1:" + std::to_string(ntohs(place_.sin_port)); }
+
+  private:
+    static int open() { return ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
+
+    sockaddr_in place_{};
+    std::array<int, 4> sockets_{open(), open(), open(), open()};
+};
 
 TEST_F(NetworkTest, PacketsGoThereAndBack) {
     const auto station = connect({listen()});
@@ -192,6 +227,19 @@ TEST_F(NetworkTest, ServersAreTriedInOrder) {
     EXPECT_TRUE(eventually([&] { return station->connects == 1; })) << station->lastReason();
     EXPECT_TRUE(log_.contains("127.0.0.1:1 cannot be reached"));
     EXPECT_TRUE(log_.contains("the name of no-such-host.invalid:1 cannot be resolved"));
+}
+
+TEST_F(NetworkTest, TriesAreGivenUpWhileTheyStillConnect) {
+    const SilentPort silent;
+    ConnectOptions options;
+    options.limits.handshakeSeconds = 1;
+    {
+        const auto station = connect({silent.address()}, nullptr, options);
+        EXPECT_TRUE(eventually([&] { return station->losses >= 2; }));
+        EXPECT_EQ(station->lastReason(), silent.address() + " did not answer within 1 seconds");
+    }
+    const auto station = connect({silent.address(), listen()}, nullptr, options);
+    EXPECT_TRUE(eventually([&] { return station->connects == 1; })) << station->lastReason();
 }
 
 TEST_F(NetworkTest, ConnectionsOverTheLimitAreToldSo) {

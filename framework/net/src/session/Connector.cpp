@@ -82,16 +82,17 @@ void Connector::resolved(const tcp::resolver::results_type& results) {
         std::rotate(endpoints.begin(),
                     endpoints.begin() + static_cast<std::ptrdiff_t>(round_ % endpoints.size()),
                     endpoints.end());
-    socket_ = std::make_unique<tcp::socket>(executor_->strand());
-    asio::async_connect(
-        *socket_, endpoints,
-        [self = shared_from_this(), attempt = attempt_](asio::error_code error, const tcp::endpoint&) {
-            if (self->stopped_ || attempt != self->attempt_)
-                return;
-            if (error)
-                return self->failed(self->server() + " cannot be reached: " + error.message(), false);
-            self->connected();
-        });
+    socket_ = std::make_shared<tcp::socket>(executor_->strand());
+    // The operation looks at the socket once more when it was given up, so the socket lives as long as its handler.
+    const auto handler = [self = shared_from_this(), socket = socket_, attempt = attempt_](
+                             asio::error_code error, const tcp::endpoint&) {
+        if (self->stopped_ || attempt != self->attempt_)
+            return;
+        if (error)
+            return self->failed(self->server() + " cannot be reached: " + error.message(), false);
+        self->connected();
+    };
+    asio::async_connect(*socket_, endpoints, handler);
 }
 
 void Connector::connected() {
@@ -154,7 +155,7 @@ void Connector::failed(const std::string& reason, bool wasConnected) {
     ++attempt_;  // whatever still belongs to this try is of no interest any more
     deadline_.cancel();
     resolver_.cancel();
-    socket_.reset();
+    closeSocket();
     if (tls_)
         std::exchange(tls_, nullptr)->close();
     tellLost(reason, wasConnected);
@@ -165,6 +166,12 @@ void Connector::failed(const std::string& reason, bool wasConnected) {
         pauseThenTry();
     else
         tryServer();
+}
+
+void Connector::closeSocket() {
+    asio::error_code ignored;
+    if (const auto socket = std::exchange(socket_, nullptr))
+        socket->close(ignored);
 }
 
 void Connector::tellLost(const std::string& reason, bool wasConnected) {
@@ -209,7 +216,7 @@ void Connector::stop(const std::string& reason) {
     pause_.cancel();
     ticker_.cancel();
     resolver_.cancel();
-    socket_.reset();
+    closeSocket();
     if (tls_)
         std::exchange(tls_, nullptr)->abandon();
     if (const auto connection = connection_) {

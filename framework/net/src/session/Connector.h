@@ -46,6 +46,7 @@ class Connector : public std::enable_shared_from_this<Connector> {
     void ended(const std::string& reason, bool wasEstablished);
     /// This try is over; the next server follows, or a pause.
     void failed(const std::string& reason, bool wasConnected);
+    void closeSocket();
     void tellLost(const std::string& reason, bool wasConnected);
     void pauseThenTry();
     void watchTry();
@@ -60,7 +61,7 @@ class Connector : public std::enable_shared_from_this<Connector> {
     asio::steady_timer pause_;
     asio::steady_timer ticker_;
     std::unique_ptr<ClientPeer> peer_;
-    std::unique_ptr<asio::ip::tcp::socket> socket_;
+    std::shared_ptr<asio::ip::tcp::socket> socket_;
     std::shared_ptr<const Credentials::State> credentials_;
     std::shared_ptr<TlsSocket> tls_;
     std::shared_ptr<ClientConnection> connection_;
