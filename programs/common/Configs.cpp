@@ -8,7 +8,7 @@ namespace qel::programs {
 namespace {
 
 // Upper bounds that keep a slip of the pen (milliseconds for seconds, say) from passing as a setting.
-constexpr std::int64_t mostSeconds = 24 * 3600;
+constexpr std::int64_t mostSeconds = 24L * 3600;
 constexpr std::int64_t mostConnections = 1000000;
 constexpr std::int64_t mostFrameBytes = 64 << 20;
 constexpr std::int64_t mostRows = 100000000;

@@ -50,7 +50,7 @@ struct DaemonConfig : ConfigBase {
     std::int64_t connections = 2048;
     std::int64_t connectionsPerAddress = 1024;
     std::int64_t frameBytes = 1 << 20;
-    std::int64_t valueBytes = 60 * 1024;
+    std::int64_t valueBytes = 60L * 1024;
     std::int64_t handshakeSeconds = 10;
     std::int64_t idleSeconds = 90;
     std::int64_t rowsPerCall = 1000000;

@@ -17,7 +17,7 @@ namespace qel::programs {
 namespace {
 
 /// A piece that fits into the processor's cache.
-constexpr std::size_t pieceSize = 256 * 1024;
+constexpr std::size_t pieceSize = 256UL * 1024;
 
 /// Closes a descriptor at the end.
 class OpenFile {

@@ -254,7 +254,8 @@ std::uint64_t sumOfBytes(const Block& block) {
 }
 
 /// Whether anything in a stride and the byte behind it is dangerous; adds its line feeds to `lines`.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+/// (The choice between clones is made while the program is loaded, too early for code under the thread sanitizer.)
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
 __attribute__((target_clones("avx2", "default")))
 #endif
 bool isDangerousStride(const Byte* bytes, std::uint64_t& lines) {

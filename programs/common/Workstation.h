@@ -12,7 +12,7 @@ namespace qel::programs {
 
 /// Largest event that a workstation takes into its queue, in bytes: what a service accepts by default, so that
 /// nothing is queued that cannot be delivered.
-constexpr std::size_t largestEvent = 60 * 1024;
+constexpr std::size_t largestEvent = 60UL * 1024;
 
 /// Tells identities apart in a store without writing their names there.
 std::string identityFingerprint(const Credentials& credentials);

@@ -23,7 +23,7 @@ class QELNET_EXPORT MemoryTransport {
         NetworkLimits clientLimits;
         NetworkLimits serverLimits;
         std::size_t pipeBytes =
-            16 * 1024 * 1024;  ///< bytes that a direction takes before its writer must wait
+            16UL * 1024 * 1024;  ///< bytes that a direction takes before its writer must wait
     };
 
     /// Connected at once; the handshake happens with the first `deliver`. The services are not owned.

@@ -24,7 +24,7 @@ constexpr const char* prefix = "call-";
 // Longest part of a path that a handler's name becomes; with its number it stays far below the 255 bytes of a name.
 constexpr std::size_t longestName = 100;
 // Less than a block or two of any file system plus what others may free meanwhile.
-constexpr std::uint64_t leastSpace = 64 * 1024;
+constexpr std::uint64_t leastSpace = 64UL * 1024;
 
 std::string reasonOf(int error) {
     return std::error_code(error, std::generic_category()).message();

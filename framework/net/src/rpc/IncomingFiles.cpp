@@ -66,10 +66,10 @@ Fault IncomingFiles::begin(const std::vector<Announced>& files) {
     if (begun_)
         return refused("the server announced files twice");
     begun_ = true;
-    if (const Fault fault = checkAnnouncement(files))
+    if (Fault fault = checkAnnouncement(files))
         return fault;
     for (const Announced& file : files)
-        if (const Fault fault = create(file))
+        if (Fault fault = create(file))
             return fault;
     return checkSpace();
 }

@@ -15,9 +15,9 @@ namespace {
 
 // Data of one packet: large enough to cost little beside its header, small enough that acknowledgements of the same
 // connection need not wait for long.
-constexpr std::size_t largestChunk = 128 * 1024;
+constexpr std::size_t largestChunk = 128UL * 1024;
 // What a client may ask to be sent ahead.
-constexpr std::uint64_t smallestWindow = 16 * 1024;
+constexpr std::uint64_t smallestWindow = 16UL * 1024;
 constexpr std::uint64_t largestWindow = std::uint64_t{64} << 20;
 
 std::size_t chunkFor(const Peer& peer) {

@@ -13,7 +13,7 @@ namespace {
 
 // Read, hashed and handed to the connection in one go: large enough that the change of threads costs little, small
 // enough that others of the same connection and pool have their turn.
-constexpr std::size_t batchBytes = 512 * 1024;
+constexpr std::size_t batchBytes = 512UL * 1024;
 
 }  // namespace
 

@@ -12,8 +12,8 @@ namespace qel {
 namespace {
 
 // One TLS record of the largest size: what leaves together, arrives together.
-constexpr std::size_t chunkBytes = 16 * 1024;
-constexpr std::size_t readBytes = 64 * 1024;
+constexpr std::size_t chunkBytes = 16UL * 1024;
+constexpr std::size_t readBytes = 64UL * 1024;
 // A client's writes wait this long for company: long enough to spare most of its flushes, short enough that a reader
 // of its queue seldom steps over many removals that are not committed yet.
 constexpr unsigned clientDeferMilliseconds = 5;

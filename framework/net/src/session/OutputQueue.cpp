@@ -8,9 +8,9 @@ namespace qel {
 namespace {
 
 // What one session sends before the next has its turn: a burst of acknowledgements or one piece of a file.
-constexpr std::size_t quantum = 8 * 1024;
+constexpr std::size_t quantum = 8UL * 1024;
 // An idle session keeps no more than this of its last burst.
-constexpr std::size_t keptCapacity = 16 * 1024;
+constexpr std::size_t keptCapacity = 16UL * 1024;
 
 std::size_t frameAt(const std::string& frames, std::size_t offset) {
     std::size_t length = 0;

@@ -14,7 +14,7 @@ namespace {
 
 // How long, and for how many bytes, a closed connection is still listened to.
 constexpr std::chrono::milliseconds lingerTime{1000};
-constexpr std::size_t lingerBytes = 256 * 1024;
+constexpr std::size_t lingerBytes = 256UL * 1024;
 
 }  // namespace
 

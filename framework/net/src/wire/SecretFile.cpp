@@ -12,7 +12,7 @@
 namespace qel::tls {
 namespace {
 
-constexpr std::size_t largestFile = 1024 * 1024;
+constexpr std::size_t largestFile = 1024UL * 1024;
 
 std::string sentence(const char* what, const std::string& file, int code) {
     return std::string(what) + " " + file + ": " + std::strerror(code);
