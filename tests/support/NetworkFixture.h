@@ -28,13 +28,14 @@ class NetworkTest : public testing::Test {
 
     /// A client whose query is made anew at each connection.
     struct Workstation {
-        std::shared_ptr<Peer> peer;
-        std::unique_ptr<Client> client;
-        std::unique_ptr<EchoQuery> query;
         std::atomic<int> connects{0};
         std::atomic<int> losses{0};
         std::mutex mutex;
         std::string reason;
+        // Behind what its handlers touch: they may run until it is gone.
+        std::shared_ptr<Peer> peer;
+        std::unique_ptr<Client> client;
+        std::unique_ptr<EchoQuery> query;
 
         std::string lastReason() {
             const std::lock_guard<std::mutex> lock(mutex);
