@@ -142,7 +142,12 @@ bool PostgresCursor::step() {
     if (page_.isEndless())
         return standNowhere();
     grow();
-    return readFrom(page_.high());
+    if (!readFrom(page_.high()))
+        return false;
+    // A walk through a snapshot: the database reads on while this page is used.
+    if (steady_ && !page_.isEndless())
+        engine_.askAhead(snapshot_, std::string(page_.high()), rowsToRead());
+    return true;
 }
 
 bool PostgresCursor::stepBack() {

@@ -16,6 +16,9 @@ struct PostgresSnapshot {
     std::unique_ptr<PostgresConnection> connection;
     /// Gone for good: another would be of another moment.
     bool lost = false;
+    /// The page that is under way already: so many entries from there upwards; none when that is 0.
+    std::string aheadFrom;
+    std::size_t aheadRows = 0;
 };
 
 /// A place in the database with a page of entries around it, read ahead: small after a jump, larger from page to page of

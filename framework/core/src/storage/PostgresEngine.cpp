@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <thread>
+#include <utility>
 
 #include "qelCore/logging/MessageStream.h"
 #include "storage/PostgresSchema.h"
@@ -176,16 +177,17 @@ bool PostgresEngine::read(const Action& action) {
     return false;
 }
 
-bool PostgresEngine::fillPage(PostgresConnection& connection, PostgresPage& page, const std::string& bound,
-                              std::size_t rows, bool forward, bool& cut, PostgresError& error) {
+bool PostgresEngine::askPage(PostgresConnection& connection, const std::string& bound, std::size_t rows,
+                             bool forward) {
     const std::string limit = encodedInteger(static_cast<long long>(rows));
     ++pagesRead;
-    page.clear();
-    page.commits = commitCount();
-    page.readAt = PostgresPage::Clock::now();
-    if (!connection.send(forward ? PostgresSchema::readFrom : PostgresSchema::readBefore, {&bound, &limit}))
-        return false;
-    PQsetSingleRowMode(connection.handle());
+    return connection.send(forward ? PostgresSchema::readFrom : PostgresSchema::readBefore,
+                           {&bound, &limit}) &&
+           PQsetSingleRowMode(connection.handle()) == 1;
+}
+
+bool PostgresEngine::takePage(PostgresConnection& connection, PostgresPage& page, const std::string& bound,
+                              std::size_t rows, bool forward, bool& cut, PostgresError& error) {
     cut = false;
     if (!collectRows(connection, page, cut, error))
         return false;
@@ -200,7 +202,11 @@ bool PostgresEngine::fillPage(PostgresConnection& connection, PostgresPage& page
 bool PostgresEngine::readPage(PostgresPage& page, const std::string& bound, std::size_t rows, bool forward) {
     const bool done = read([&](PostgresConnection& connection, PostgresError& error) {
         bool cut = false;
-        return fillPage(connection, page, bound, rows, forward, cut, error);
+        page.clear();
+        page.commits = commitCount();
+        page.readAt = PostgresPage::Clock::now();
+        return askPage(connection, bound, rows, forward) &&
+               takePage(connection, page, bound, rows, forward, cut, error);
     });
     if (!done)
         page.clear();
@@ -219,6 +225,28 @@ bool PostgresEngine::beginSnapshot(PostgresSnapshot& snapshot) {
     });
 }
 
+void PostgresEngine::askAhead(PostgresSnapshot& snapshot, const std::string& from, std::size_t rows) {
+    if (!askPage(*snapshot.connection, from, rows, true))
+        return;
+    snapshot.aheadFrom = from;
+    snapshot.aheadRows = rows;
+}
+
+// True when the page that is wanted is under way. Another one that is has to be taken off the connection first.
+bool PostgresEngine::takeAhead(PostgresSnapshot& snapshot, const std::string& bound, bool forward,
+                               std::size_t& rows, PostgresError& error) {
+    const std::size_t asked = std::exchange(snapshot.aheadRows, 0);
+    if (asked != 0 && forward && snapshot.aheadFrom == bound) {
+        rows = asked;
+        return true;
+    }
+    PostgresPage unused;
+    bool cut = false;
+    if (asked != 0 && collectRows(*snapshot.connection, unused, cut, error) && cut)
+        PostgresSchema::returnToSnapshot(*snapshot.connection, error);
+    return false;
+}
+
 bool PostgresEngine::readPage(PostgresSnapshot& snapshot, PostgresPage& page, const std::string& bound,
                               std::size_t rows, bool forward) {
     page.clear();
@@ -231,7 +259,8 @@ bool PostgresEngine::readPage(PostgresSnapshot& snapshot, PostgresPage& page, co
     PostgresError error;
     PostgresConnection& connection = *snapshot.connection;
     // A query that was cancelled for the size of its rows ends the transaction up to its last mark.
-    if (fillPage(connection, page, bound, rows, forward, cut, error) &&
+    if ((takeAhead(snapshot, bound, forward, rows, error) || askPage(connection, bound, rows, forward)) &&
+        takePage(connection, page, bound, rows, forward, cut, error) &&
         (!cut || PostgresSchema::returnToSnapshot(connection, error)))
         return true;
     if (!error.isSet())

@@ -43,6 +43,8 @@ class PostgresEngine final : public Engine {
     /// The same in a snapshot, which begins with its first page and is lost with the first that fails.
     bool readPage(PostgresSnapshot& snapshot, PostgresPage& page, const std::string& bound, std::size_t rows,
                   bool forward);
+    /// Asks for a page without waiting for it; the next `readPage` from there takes it.
+    void askAhead(PostgresSnapshot& snapshot, const std::string& from, std::size_t rows);
     /// Commits of this process so far.
     std::uint64_t commitCount() const { return commitCount_.load(std::memory_order_acquire); }
     /// Tells the page what this process has committed since; then it is as good as one read now.
@@ -64,8 +66,11 @@ class PostgresEngine final : public Engine {
     bool start(std::string_view url, std::string& reason);
 
     std::shared_ptr<PostgresCursor> keep(std::shared_ptr<PostgresCursor> cursor);
-    bool fillPage(PostgresConnection& connection, PostgresPage& page, const std::string& bound,
+    bool askPage(PostgresConnection& connection, const std::string& bound, std::size_t rows, bool forward);
+    bool takePage(PostgresConnection& connection, PostgresPage& page, const std::string& bound,
                   std::size_t rows, bool forward, bool& cut, PostgresError& error);
+    bool takeAhead(PostgresSnapshot& snapshot, const std::string& bound, bool forward, std::size_t& rows,
+                   PostgresError& error);
     bool beginSnapshot(PostgresSnapshot& snapshot);
     bool read(const Action& action);
     bool tryRead(const Action& action, PostgresError& error);

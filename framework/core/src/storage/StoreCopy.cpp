@@ -99,6 +99,13 @@ bool StoreCopy::isReadable() {
     return true;
 }
 
+// A walk that turns back, in a damaged file, may never end.
+bool StoreCopy::ascends(const ItemStore& store, const Item& before, const Item& key) {
+    return before.isEmpty() || before < key ||
+           fail({false, "the store " + store.url() + " is damaged: its keys do not ascend at " +
+                            key.asString().str()});
+}
+
 // Nothing that the target knows already is changed.
 bool StoreCopy::takeIdentity() {
     const StoreIdentity identity = from_.identity();
@@ -163,10 +170,13 @@ bool StoreCopy::readStretch(const Item& position) {
     Item key = position;
     isLast_ = false;
     while (bytes < stretchBytes && stretch_.size() < stretchEntries) {
+        const Item before = key;
         if (!from_.nextKey(key)) {
             isLast_ = true;
             break;
         }
+        if (!ascends(from_, before, key))
+            return false;
         const ConstByteSpan value = from_.fetch(key);
         // Removed since the step.
         if (value.isNull())
@@ -182,7 +192,9 @@ StoreCopy::Difference StoreCopy::compare(const Item& position, Digest* digest) {
     Difference found;
     auto at = stretch_.cbegin();
     Item key = position;
-    while (to_.nextKey(key) && (isLast_ || !(stretch_.back().key < key))) {
+    for (Item before = key; to_.nextKey(key) && (isLast_ || !(stretch_.back().key < key)); before = key) {
+        if (!ascends(to_, before, key))
+            break;
         for (; at != stretch_.cend() && at->key < key; ++at)
             found.missing.push_back(&*at);
         const ConstByteSpan value = to_.fetch(key);

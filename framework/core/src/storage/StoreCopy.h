@@ -43,6 +43,7 @@ class StoreCopy {
     std::string sourceName() const;
     Item readMark();
     bool leaveMark(const Item& position);
+    bool ascends(const ItemStore& store, const Item& before, const Item& key);
     bool fail(const CommitResult& result);
     /// False, with the reason in the outcome, when a store could not be read.
     bool isReadable();
