@@ -1,6 +1,7 @@
 #include "qelNet/Network.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -269,6 +270,23 @@ TEST_F(NetworkTest, SessionsAreReleasedWhenTheClientGoes) {
 TEST_F(NetworkTest, ServiceIsTicked) {
     listen();
     EXPECT_TRUE(eventually([&] { return service_.ticks >= 1; }));
+}
+
+TEST_F(NetworkTest, ProgramsThatTheHostStartsGetNoCopyOfASocket) {
+    const std::string address = listen();
+    const auto station = connect({address});
+    ASSERT_TRUE(eventually([&] { return station->connects == 1; })) << station->lastReason();
+    int sockets = 0;
+    for (int descriptor = 3; descriptor < 1000; ++descriptor) {
+        int listens = 0;
+        socklen_t size = sizeof listens;
+        if (::getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0)
+            continue;
+        ++sockets;
+        EXPECT_NE(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0)
+            << (listens ? "the listener" : "a connection");
+    }
+    EXPECT_GE(sockets, 3) << "the listener and both ends of a connection";
 }
 
 }  // namespace

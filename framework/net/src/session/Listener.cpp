@@ -6,6 +6,7 @@
 
 #include "qelCore/ItemStore.h"
 #include "qelCore/logging/MessageStream.h"
+#include "session/CloseOnExec.h"
 #include "session/TlsConnectionLink.h"
 #include "wire/CredentialsState.h"
 
@@ -77,6 +78,8 @@ Listening Listener::open(const std::string& address) {
         return result;
     asio::error_code error;
     acceptor_.open(endpoint.protocol(), error);
+    if (!error)
+        closeOnExec(acceptor_.native_handle());
     if (!error)
         acceptor_.set_option(tcp::acceptor::reuse_address(true), error);
     if (!error)

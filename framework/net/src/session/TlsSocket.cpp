@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "session/CloseOnExec.h"
 #include "wire/CredentialsState.h"
 #include "wire/SocketBio.h"
 
@@ -28,6 +29,7 @@ TlsSocket::TlsSocket(asio::ip::tcp::socket socket, std::shared_ptr<AsioExecutor>
       diagnosis_(std::move(credentials), host) {
     asio::error_code ignored;
     socket_.non_blocking(true, ignored);
+    closeOnExec(socket_.native_handle());
     // A window of unacknowledged events lives on latency: no segment waits for company.
     socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
     diagnosis_.attach(stream_.get());
