@@ -1,6 +1,7 @@
 -- Dissects the frames of the auditing system's protocol, as docs/protocol.md describes them, for tshark and Wireshark.
 --
--- The frames travel inside TLS 1.3, so give the key log of one of the two ends as tls.keylog_file, and name the port:
+-- The frames travel inside TLS 1.3, so give the key log of one of the two ends as tls.keylog_file, and name the port. The
+-- programs write no key log; tests/tools/KeyLog.cpp, preloaded into one on a machine for tests, does.
 --     tshark -X lua_script:tools/qel.lua -d tls.port==7410,qel -o tls.keylog_file:keys.txt -r recording.pcapng
 -- Recordings of the bytes inside TLS are read with -d tcp.port==7410,qel instead.
 

@@ -17,6 +17,7 @@ class FaultyLine {
         static constexpr std::size_t never = ~std::size_t{0};
         std::size_t cutAfter = never;      ///< bytes, both directions together, then both ends are reset
         std::size_t swallowAfter = never;  ///< bytes, then nothing passes and nobody is told: half-open
+        const std::atomic<bool>* swallowWhen = nullptr;  ///< the same as soon as that is true
         std::size_t muteAfter = never;  ///< bytes of the service, which is heard no more and goes on hearing
         int delayMilliseconds = 0;      ///< in each direction
     };

@@ -1,19 +1,12 @@
 #include <cstdlib>
-#include <sstream>
 
+#include "support/OwnMemory.h"
 #include "system/AuditorFixture.h"
 
 namespace qel {
 namespace {
 
-/// Memory that a process has for itself, in bytes: pages of the store, which the system can take back, not included.
-long long ownMemory(pid_t pid) {
-    std::istringstream lines(test::TemporaryFolder::read("/proc/" + std::to_string(pid) + "/status"));
-    for (std::string line; std::getline(lines, line);)
-        if (line.starts_with("RssAnon:"))
-            return std::stoll(line.substr(8)) * 1024;
-    return 0;
-}
+using test::ownMemory;
 
 class DownloadMemoryTest : public AuditorTest {};
 

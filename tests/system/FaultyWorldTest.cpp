@@ -1,14 +1,10 @@
-#include <gtest/gtest.h>
-
+#include <csignal>
 #include <cstdlib>
-#include <fstream>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "support/FaultyLine.h"
-#include "support/Site.h"
+#include "system/ForwardingFixture.h"
 
 namespace qel {
 namespace {
@@ -16,11 +12,8 @@ namespace {
 using test::FaultyLine;
 using test::Process;
 using test::queued;
-using test::Site;
 using test::waitFor;
 using test::Workstation;
-
-constexpr std::chrono::seconds healing(90);
 
 /// While it lives, programs that the test starts see their clock so much ahead or behind. Their timers are not bent: no
 /// machine's monotonic clock jumps.
@@ -42,65 +35,7 @@ class BentClock {
 };
 
 /// The real daemon and the real agent, with clocks and lines at fault between them.
-class FaultyWorldTest : public ::testing::Test {
-  protected:
-    void record(const Workstation& workstation, int count) {
-        const std::string file = workstation.folder + "/events.jsonl";
-        {
-            std::ofstream out(file);
-            for (int i = 0; i < count; ++i)
-                out << "[\"SeriesOpened\",\"1.2.840.113619.2.55.3.604688119.971\"," << i << "]\n";
-        }
-        const test::ProcessResult result = site_->audit(
-            {"record", "--config", workstation.config(), "--log", "interaction", "--from", file});
-        ASSERT_EQ(result.code, 0) << result.err;
-    }
-
-    std::unique_ptr<Process> startAgent(const Workstation& workstation) {
-        return site_->agent({"forward", "--config", workstation.config()},
-                            "agent-" + std::to_string(agents_++));
-    }
-
-    bool empties(const Workstation& workstation) {
-        return waitFor([&] { return queued(*site_, workstation) == 0; }, healing);
-    }
-
-    /// A workstation whose agent reaches the daemon through that line only, and does not wait long.
-    Workstation enrollBehind(const FaultyLine& line) {
-        Workstation anna = site_->enroll("anna", "pc-1");
-        test::setKey(anna.config(), "address", "\"" + line.address() + "\"");
-        test::setKey(anna.config(), "stall_seconds", "2");
-        test::setKey(anna.config(), "backoff_max_seconds", "1");
-        return anna;
-    }
-
-    /// The users of the exported lines in their order. Each user's numbers from 0 to `count` (not included) are there once,
-    /// in the order of recording.
-    std::vector<std::string> expectEachOnce(const std::vector<std::string>& users, int count) {
-        std::map<std::string, int> next;
-        std::vector<std::string> order;
-        for (const std::string& line : site_->exportedLines("interaction")) {
-            std::vector<std::string> parts(1);
-            for (const char c : line)
-                if (c == ';')
-                    parts.emplace_back();
-                else
-                    parts.back() += c;
-            EXPECT_GE(parts.size(), 6U) << line;
-            if (parts.size() < 6)
-                return order;
-            EXPECT_EQ(parts[5], std::to_string(next[parts[1]]++)) << line;
-            order.push_back(parts[1]);
-        }
-        for (const std::string& user : users)
-            EXPECT_EQ(next[user], count) << user;
-        EXPECT_EQ(order.size(), users.size() * static_cast<std::size_t>(count));
-        return order;
-    }
-
-    std::unique_ptr<Site> site_;
-    int agents_ = 0;
-};
+class FaultyWorldTest : public test::ForwardingFixture {};
 
 // A sanitizer insists on being the first library of a process, and so does what bends the clock.
 #ifndef QEL_SANITIZED
@@ -111,7 +46,7 @@ TEST_F(FaultyWorldTest, ClocksADayOffInEitherDirectionOnlyMoveTheTimes) {
     {
         // The certificates are older than the clock that is behind.
         const BentClock clock("-3d");
-        site_ = std::make_unique<Site>();
+        makeSite();
         ahead = site_->enroll("ahead", "pc-1");
         behind = site_->enroll("behind", "pc-2");
     }
@@ -136,7 +71,7 @@ TEST_F(FaultyWorldTest, ClocksADayOffInEitherDirectionOnlyMoveTheTimes) {
 }
 
 TEST_F(FaultyWorldTest, ClockBeforeTheCertificateIsExplainedAndHealsWithTheClock) {
-    site_ = std::make_unique<Site>();
+    makeSite();
     const Workstation anna = site_->enroll("anna", "pc-1");
     record(anna, 20);
     site_->startDaemon();
@@ -161,7 +96,7 @@ TEST_F(FaultyWorldTest, ClockBeforeTheCertificateIsExplainedAndHealsWithTheClock
 #endif
 
 TEST_F(FaultyWorldTest, HalfASecondOfDelayOnlyTakesTime) {
-    site_ = std::make_unique<Site>();
+    makeSite();
     FaultyLine line(site_->port(), [](int) {
         FaultyLine::Fault fault;
         fault.delayMilliseconds = 500;
@@ -178,7 +113,7 @@ TEST_F(FaultyWorldTest, HalfASecondOfDelayOnlyTakesTime) {
 }
 
 TEST_F(FaultyWorldTest, CutsInTheMiddleOfFramesLoseAndDoubleNothing) {
-    site_ = std::make_unique<Site>();
+    makeSite();
     constexpr int cuts = 8;
     FaultyLine line(site_->port(), [](int connection) {
         FaultyLine::Fault fault;
@@ -196,7 +131,7 @@ TEST_F(FaultyWorldTest, CutsInTheMiddleOfFramesLoseAndDoubleNothing) {
 }
 
 TEST_F(FaultyWorldTest, ServiceThatStoresButIsNotHeardIsGivenUpAndDoublesNothing) {
-    site_ = std::make_unique<Site>();
+    makeSite();
     FaultyLine line(site_->port(), [](int connection) {
         FaultyLine::Fault fault;
         if (connection <= 2)
@@ -211,6 +146,110 @@ TEST_F(FaultyWorldTest, ServiceThatStoresButIsNotHeardIsGivenUpAndDoublesNothing
     EXPECT_EQ(line.connections(), 3) << agent->err();
     EXPECT_NE(agent->err().find("no acknowledgement"), std::string::npos) << agent->err();
     expectEachOnce({"anna"}, 1000);
+}
+
+/// The firewall forgets the connection while the agent waits for acknowledgements.
+TEST_F(FaultyWorldTest, HalfOpenLineInTheMiddleOfAStreamIsGivenUpAndHealed) {
+    makeSite();
+    FaultyLine line(site_->port(), [](int connection) {
+        FaultyLine::Fault fault;
+        if (connection <= 2)
+            fault.swallowAfter = 40000U * static_cast<unsigned>(connection);
+        return fault;
+    });
+    const Workstation anna = enrollBehind(line);
+    record(anna, 3000);
+    site_->startDaemon();
+    const std::unique_ptr<Process> agent = startAgent(anna);
+    EXPECT_TRUE(empties(anna)) << agent->err();
+    EXPECT_EQ(line.connections(), 3) << agent->err();
+    EXPECT_NE(agent->err().find("no acknowledgement"), std::string::npos) << agent->err();
+    expectEachOnce({"anna"}, 3000);
+}
+
+/// The firewall forgets the connection while there is nothing to send: what is recorded later must still arrive.
+TEST_F(FaultyWorldTest, HalfOpenLineOfAnIdleAgentIsNoticedByBothEnds) {
+    makeSite();
+    test::setKey(site_->config(), "idle_seconds", "3");
+    std::atomic<bool> forgotten{false};
+    FaultyLine line(site_->port(), [&](int connection) {
+        FaultyLine::Fault fault;
+        fault.swallowWhen = connection == 1 ? &forgotten : nullptr;
+        return fault;
+    });
+    const Workstation anna = enrollBehind(line);
+    site_->startDaemon();
+    const std::unique_ptr<Process> agent = startAgent(anna);
+    record(anna, 10);
+    ASSERT_TRUE(empties(anna)) << agent->err();
+    forgotten = true;
+    const auto isNoticed = [](const std::string& log) {
+        return log.find("nothing came from the other end for 3 seconds") != std::string::npos;
+    };
+    EXPECT_TRUE(waitFor([&] { return isNoticed(agent->err()); })) << agent->err();
+    EXPECT_TRUE(waitFor([&] { return isNoticed(site_->daemonLog()); })) << site_->daemonLog();
+    record(anna, 10);
+    EXPECT_TRUE(empties(anna)) << agent->err();
+    EXPECT_EQ(line.connections(), 2) << agent->err();
+    expectEachOnce({"anna"}, 20);
+}
+
+/// Daemon and agent go down and come up in every order, asked to or killed, in the middle of a stream.
+TEST_F(FaultyWorldTest, RestartsInAnyOrderLoseAndDoubleNothing) {
+    makeSite();
+    constexpr int each = 1000;
+    FaultyLine line(site_->port(), [](int) {
+        FaultyLine::Fault fault;
+        fault.delayMilliseconds = 20;
+        return fault;
+    });
+    const Workstation anna = enrollBehind(line);
+    site_->startDaemon();
+    std::unique_ptr<Process> agent = startAgent(anna);
+    const auto endDaemon = [&](bool kindly) {
+        if (kindly)
+            EXPECT_EQ(site_->stopDaemon(), 0);
+        else
+            site_->killDaemon();
+    };
+    const auto endAgent = [&](bool kindly) {
+        if (!kindly)
+            return agent->kill();
+        agent->signal(SIGTERM);
+        EXPECT_EQ(agent->wait(std::chrono::seconds(30)), 0) << agent->err();
+    };
+    int rounds = 0;
+    for (const bool daemonEndsFirst : {true, false})
+        for (const bool daemonStartsFirst : {true, false})
+            for (const bool kindly : {true, false}) {
+                record(anna, each);
+                const long long before = queued(*site_, anna);
+                ASSERT_TRUE(waitFor([&] { return queued(*site_, anna) < before; }, healing)) << agent->err();
+                daemonEndsFirst ? endDaemon(kindly) : endAgent(kindly);
+                daemonEndsFirst ? endAgent(kindly) : endDaemon(kindly);
+                EXPECT_GT(queued(*site_, anna), 0)
+                    << "everything had arrived: round " << rounds << " proves nothing";
+                if (daemonStartsFirst)
+                    site_->startDaemon();
+                agent = startAgent(anna);
+                if (!daemonStartsFirst)
+                    site_->startDaemon();
+                ++rounds;
+            }
+    EXPECT_TRUE(empties(anna)) << agent->err();
+    expectEachOnce({"anna"}, each * rounds);
+}
+
+/// Run once more by itself where packets are lost, see tests/transport/lossy-network.
+TEST_F(FaultyWorldTest, AgentAndDaemonNeedNothingButALine) {
+    makeSite();
+    const Workstation anna = enrollImpatient();
+    test::setKey(anna.config(), "stall_seconds", "30");
+    record(anna, 2000);
+    site_->startDaemon();
+    const std::unique_ptr<Process> agent = startAgent(anna);
+    EXPECT_TRUE(empties(anna)) << agent->err();
+    expectEachOnce({"anna"}, 2000);
 }
 
 }  // namespace

@@ -45,11 +45,10 @@ def write_recording(path, pieces):
             out.write(struct.pack("<IIII", 1700000000, number, len(frame), len(frame)) + frame)
 
 
-def dissect(path):
-    fields = ["qel.kind", "qel.session", "qel.service", "qel.packet.type", "qel.packet.time", "qel.reason",
-              "qel.limit.frame", "_ws.expert"]
-    command = ["tshark", "-X", "lua_script:" + os.path.join(ROOT, "tools", "qel.lua"), "-d",
-               "tcp.port==%d,qel" % PORT, "-r", path, "-T", "fields"]
+def dissect(path, options=("-d", "tcp.port==%d,qel" % PORT)):
+    fields = ["qel.kind", "qel.session", "qel.session_type", "qel.service", "qel.packet.type", "qel.packet.time",
+              "qel.reason", "qel.limit.frame", "qel.malformed", "_ws.expert"]
+    command = ["tshark", "-X", "lua_script:" + os.path.join(ROOT, "tools", "qel.lua"), *options, "-r", path, "-T", "fields"]
     for field in fields:
         command += ["-e", field]
     done = subprocess.run(command, capture_output=True, text=True, check=True,

@@ -76,25 +76,32 @@ void FaultyLine::relay(int client, Fault fault) {
     bool open = ::connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     std::size_t passed = 0;
     std::size_t heard = 0;
+    const auto isForgotten = [&] {
+        return passed >= fault.swallowAfter || (fault.swallowWhen && *fault.swallowWhen);
+    };
+    pollfd ends[] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
     std::deque<Piece> pieces;
     while (open && !stopped_) {
-        pollfd ends[] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
         ::poll(ends, 2, 5);
         for (int i = 0; i < 2 && open; ++i) {
-            if (ends[i].revents == 0)
+            if (ends[i].fd < 0 || ends[i].revents == 0)
                 continue;
             char buffer[4096];
             const ssize_t count = ::recv(ends[i].fd, buffer, sizeof buffer, 0);
-            open = count > 0;
-            if (open)
+            if (count > 0)
                 pieces.push_back({Clock::now() + std::chrono::milliseconds(fault.delayMilliseconds),
-                                  ends[1 - i].fd, std::string(buffer, static_cast<std::size_t>(count))});
+                                  i == 0 ? server : client,
+                                  std::string(buffer, static_cast<std::size_t>(count))});
+            else if (isForgotten())
+                ends[i].fd = -1;  // the other end does not hear of that either
+            else
+                open = false;
         }
         while (!pieces.empty() && pieces.front().due <= Clock::now()) {
             std::string bytes = std::move(pieces.front().bytes);
             const int to = pieces.front().to;
             pieces.pop_front();
-            if (passed >= fault.swallowAfter || (to == client && heard >= fault.muteAfter))
+            if (isForgotten() || (to == client && heard >= fault.muteAfter))
                 continue;
             if (to == client)
                 heard += bytes.size();
