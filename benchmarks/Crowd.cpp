@@ -11,7 +11,6 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -27,6 +26,7 @@
 #include "qelNet/Network.h"
 #include "support/Child.h"
 #include "support/Figures.h"
+#include "support/OwnMemory.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -80,38 +80,12 @@ void issue(const std::string& folder, long agents) {
     }
 }
 
-/// The process's own resident memory in KiB.
-long ownMemory() {
-    std::ifstream status("/proc/self/status");
-    std::string word;
-    long value = 0;
-    while (status >> word)
-        if (word == "RssAnon:")
-            status >> value;
-    return value;
+/// A figure that is to be below, or above, a target.
+void print(const char* name, double value, const char* unit, const char* sense, double target) {
+    const bool met = sense == std::string("below") ? value < target : value >= target;
+    std::printf("%s %.1f %s target=%s_%.0f %s\n", name, value, unit, sense, target, met ? "met" : "missed");
+    std::fflush(stdout);
 }
-
-/// Looks at the memory all the time and remembers the most.
-class PeakMemory {
-  public:
-    PeakMemory()
-        : watcher_([this] {
-              while (!stopped_) {
-                  peak_ = std::max(peak_.load(), ownMemory());
-                  std::this_thread::sleep_for(std::chrono::milliseconds(10));
-              }
-          }) {}
-    ~PeakMemory() {
-        stopped_ = true;
-        watcher_.join();
-    }
-    long get() const { return peak_; }
-
-  private:
-    std::atomic<bool> stopped_{false};
-    std::atomic<long> peak_{0};
-    std::thread watcher_;
-};
 
 void allowManyFiles() {
     rlimit files{};
@@ -130,12 +104,12 @@ void serve(const Child::Line& line, const std::string& folder) {
     const Listening listening = network.listen("127.0.0.1:0", {&service}, load(folder, "server"));
     require(static_cast<bool>(listening), listening.error);
     line.say(listening.address);
-    const PeakMemory peak;
+    const test::PeakMemory peak(getpid());
     for (std::string asked = line.hear(); !asked.empty(); asked = line.hear()) {
         if (asked == "memory")
-            line.say(std::to_string(ownMemory()));
+            line.say(std::to_string(test::ownMemory(getpid()) / 1024));
         else if (asked == "peak")
-            line.say(std::to_string(peak.get()));
+            line.say(std::to_string(peak.get() / 1024));
         else if (asked == "connections")
             line.say(std::to_string(network.getStatistics().connectionsNow));
         else
@@ -260,9 +234,9 @@ void crowd(const std::string& folder, const Child& server, const std::string& ad
         slowest = std::max(slowest, time);
     }
     bench::print("crowd_events", static_cast<double>(agents * events) / took, "events/s");
-    bench::print("crowd_slowest_share_of_mean", 100 * static_cast<double>(events) / slowest / mean,
-                 "percent");
-    bench::print("crowd_daemon_peak_memory", std::stod(ask(server, "peak")) / 1024, "MiB");
+    print("crowd_slowest_share_of_mean", 100 * static_cast<double>(events) / slowest / mean, "percent",
+          "above", 33);
+    print("crowd_daemon_peak_memory", std::stod(ask(server, "peak")) / 1024, "MiB", "below", 256);
 }
 
 void waitForConnections(const Child& server, const std::string& count) {
@@ -286,7 +260,7 @@ void idle(const std::string& folder, const Child& server, const std::string& add
         line.hear();
     });
     waitForConnections(server, std::to_string(count));
-    bench::print("idle_connection_memory", (std::stod(ask(server, "memory")) - before) / count, "KiB");
+    print("idle_connection_memory", (std::stod(ask(server, "memory")) - before) / count, "KiB", "below", 100);
 }
 
 void bother(const std::string& address, long number, std::vector<int>& open) {
@@ -320,7 +294,8 @@ void strangers(const std::string& folder, const Child& server, const std::string
     require(times.size() == 1, "the workstation was not served");
     require(crowd.line().hear() == "done", "the strangers failed");
     bench::print("among_10000_strangers", static_cast<double>(events) / times[0], "events/s");
-    bench::print("among_10000_strangers_daemon_peak_memory", std::stod(ask(server, "peak")) / 1024, "MiB");
+    print("among_10000_strangers_daemon_peak_memory", std::stod(ask(server, "peak")) / 1024, "MiB", "below",
+          256);
 }
 
 }  // namespace

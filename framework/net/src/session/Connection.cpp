@@ -14,9 +14,10 @@ namespace {
 // One TLS record of the largest size: what leaves together, arrives together.
 constexpr std::size_t chunkBytes = 16UL * 1024;
 constexpr std::size_t readBytes = 64UL * 1024;
-// A client's writes wait this long for company: long enough to spare most of its flushes, short enough that a reader
-// of its queue seldom steps over many removals that are not committed yet.
-constexpr unsigned clientDeferMilliseconds = 5;
+// A client's writes wait for company so long, or until there are so many: each flush of a workstation that is spared is one
+// more for the service where both share a disk, and the reader of the queue steps over removals that are not committed yet.
+constexpr unsigned clientDeferMilliseconds = 50;
+constexpr std::uint64_t clientDeferWrites = 1024;
 // Seconds in which the reason of a closed connection must have left.
 constexpr unsigned closeSeconds = 3;
 
@@ -151,7 +152,13 @@ bool Connection::closedByOther(ConstByteSpan reason) {
 void Connection::submit(WriteBatch& batch, std::uint64_t number, bool holding, std::size_t bytes) {
     if (!holdsAnswers() || (!holding && batch.writes() == 0)) {
         // What a client stores while it handles packets removes what was acknowledged; lost, it is sent again.
-        batch.submitDeferred(clientDeferMilliseconds);
+        deferredWrites_ += batch.writes();
+        if (deferredWrites_ < clientDeferWrites) {
+            batch.submitDeferred(clientDeferMilliseconds);
+        } else {
+            deferredWrites_ = 0;
+            batch.submit({});
+        }
         flush();
         return;
     }

@@ -139,6 +139,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Fram
     std::uint64_t lastBatch_ = 0;
     std::set<std::uint64_t> batchesUnderWay_;
     std::size_t uncommittedBytes_ = 0;
+    std::uint64_t deferredWrites_ = 0;
 
     std::atomic<bool> established_{false};
     std::atomic<bool> ended_{false};
