@@ -10,12 +10,6 @@
 namespace qel::programs {
 namespace {
 
-constexpr double microseconds = 1e-6;
-
-double asDouble(std::uint64_t value) {
-    return static_cast<double>(value);
-}
-
 void addQueues(MetricsText& text, Workstation& workstation) {
     constexpr const char* names[] = {"audit", "interaction"};
     LogSummary summaries[2];
@@ -27,19 +21,17 @@ void addQueues(MetricsText& text, Workstation& workstation) {
     const long long now = wallClock();
     for (int i = 0; i < 2; ++i)
         text.gauge("qel_queue_oldest_seconds", "Age of the oldest waiting event, 0 when none waits",
-                   summaries[i].events == 0
-                       ? 0.0
-                       : static_cast<double>(std::max(0LL, now - summaries[i].oldest)) * microseconds,
+                   summaries[i].events == 0 ? 0.0
+                                            : static_cast<double>(std::max(0LL, now - summaries[i].oldest)) *
+                                                  secondsPerMicrosecond,
                    {{"log", names[i]}});
     for (const char* name : names)
-        text.gauge(
-            "qel_queue_parked", "Events too large for the service, kept aside",
-            static_cast<double>(AuditAside::count(AsideReason::parked, workstation.sequence(name).getPath())),
-            {{"log", name}});
+        text.gauge("qel_queue_parked", "Events too large for the service, kept aside",
+                   asDouble(AuditAside::count(AsideReason::parked, workstation.sequence(name).getPath())),
+                   {{"log", name}});
     for (const char* name : names)
         text.gauge("qel_queue_damaged", "Entries that could not be read, kept aside",
-                   static_cast<double>(
-                       AuditAside::count(AsideReason::damaged, workstation.sequence(name).getPath())),
+                   asDouble(AuditAside::count(AsideReason::damaged, workstation.sequence(name).getPath())),
                    {{"log", name}});
 }
 
@@ -48,19 +40,16 @@ void addQueues(MetricsText& text, Workstation& workstation) {
 AgentMetrics::AgentMetrics(Workstation& workstation, const Forwarder& forwarder)
     : workstation_(workstation),
       forwarder_(forwarder),
-      server_(workstation.config().metricsListen, [this](const std::string& path) { return answer(path); }) {}
+      server_(workstation.config().metricsListen, {[this] { return metrics(); }, [this] { return ready(); },
+                                                   [] {
+                                                       return MetricsServer::Answer{200, "alive\n"};
+                                                   }}) {}
 
-MetricsServer::Answer AgentMetrics::answer(const std::string& path) const {
-    if (path == "/metrics")
-        return {200, metrics()};
-    if (path == "/-/healthy")
-        return {200, "alive\n"};
-    if (path == "/-/ready") {
-        const ForwardState state = forwarder_.state();
-        return state.connected ? MetricsServer::Answer{200, "connected\n"}
-                               : MetricsServer::Answer{503, "not connected: " + state.trouble + '\n'};
-    }
-    return {404, "there are /metrics, /-/ready and /-/healthy\n"};
+MetricsServer::Answer AgentMetrics::ready() const {
+    const ForwardState state = forwarder_.state();
+    if (state.connected)
+        return {200, "connected\n"};
+    return {503, "not connected: " + state.trouble + '\n'};
 }
 
 std::string AgentMetrics::metrics() const {
@@ -78,7 +67,7 @@ std::string AgentMetrics::metrics() const {
     text.counter("qel_agent_stalls_total", "Connections given up because acknowledgements stayed away",
                  asDouble(state.stalls));
     text.gauge("qel_certificate_expires_timestamp_seconds", "End of the own certificate, seconds since 1970",
-               static_cast<double>(workstation_.credentials()->getValidUntil()) * microseconds);
+               static_cast<double>(workstation_.credentials()->getValidUntil()) * secondsPerMicrosecond);
     return text.text();
 }
 

@@ -18,7 +18,7 @@ class AgentMetrics {
     const std::string& address() const { return server_.address(); }
 
   private:
-    MetricsServer::Answer answer(const std::string& path) const;
+    MetricsServer::Answer ready() const;
     std::string metrics() const;
 
     Workstation& workstation_;

@@ -14,7 +14,6 @@ namespace {
 
 // Origins that are told one by one; beyond it the one that was silent longest makes room.
 constexpr std::size_t mostOrigins = 1000;
-constexpr double microseconds = 1e-6;
 
 prometheus::Histogram::BucketBoundaries commitSeconds() {
     return {0.0005, 0.001, 0.002, 0.005, 0.01, 0.02, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 10};
@@ -22,10 +21,6 @@ prometheus::Histogram::BucketBoundaries commitSeconds() {
 
 prometheus::Histogram::BucketBoundaries commitWrites() {
     return {1, 2, 4, 8, 16, 32, 64, 128, 256, 512, 1024, 4096, 16384};
-}
-
-double asDouble(unsigned long long value) {
-    return static_cast<double>(value);
 }
 
 void addLog(MetricsText& text, const char* name, const char* help,
@@ -63,7 +58,7 @@ void addStore(MetricsText& text, ItemStore& store) {
     text.gauge("qel_store_pending_bytes", "Bytes received and not yet durable",
                asDouble(figures.pendingBytes));
     text.gauge("qel_commit_running_seconds", "How long the present commit has been running, 0 when none is",
-               asDouble(figures.commitRunningMicroseconds) * microseconds);
+               asDouble(figures.commitRunningMicroseconds) * secondsPerMicrosecond);
     text.gauge("qel_store_reachable", "1 while the store can be reached, 0 while its database cannot",
                figures.reachable ? 1 : 0);
     text.counter("qel_store_reopened_total",
@@ -132,7 +127,7 @@ class DaemonMetrics::CommitFigures {
                       .Add({}, commitWrites())) {}
 
     void observe(const CommitReport& report) {
-        seconds_.Observe(asDouble(report.microseconds) * microseconds);
+        seconds_.Observe(asDouble(report.microseconds) * secondsPerMicrosecond);
         writes_.Observe(asDouble(report.writes));
     }
     std::vector<prometheus::MetricFamily> collect() const { return registry_.Collect(); }
@@ -156,8 +151,9 @@ DaemonMetrics::~DaemonMetrics() {
 
 std::string DaemonMetrics::listen(const std::string& endpoint, const Network& network) {
     network_ = &network;
-    server_ =
-        std::make_unique<MetricsServer>(endpoint, [this](const std::string& path) { return answer(path); });
+    server_ = std::make_unique<MetricsServer>(
+        endpoint, MetricsServer::Pages{[this] { return metrics(); }, [this] { return ready(); },
+                                       [this] { return healthy(); }});
     return server_->address();
 }
 
@@ -187,18 +183,17 @@ void DaemonMetrics::eventStored(const Item& origin, long long time) {
     lastSeen_.emplace(name, time);
 }
 
-MetricsServer::Answer DaemonMetrics::answer(const std::string& path) const {
-    if (path == "/metrics")
-        return {200, metrics()};
-    if (path == "/-/healthy")
-        return alive_ ? MetricsServer::Answer{200, "alive\n"}
-                      : MetricsServer::Answer{503, "the commit thread hangs\n"};
-    if (path == "/-/ready") {
-        const CommitResult result = sources_.store->probeCommit(readyMilliseconds);
-        return result ? MetricsServer::Answer{200, "ready\n"}
-                      : MetricsServer::Answer{503, "the store cannot write: " + result.reason + '\n'};
-    }
-    return {404, "there are /metrics, /-/ready and /-/healthy\n"};
+MetricsServer::Answer DaemonMetrics::ready() const {
+    const CommitResult result = sources_.store->probeCommit(readyMilliseconds);
+    if (result)
+        return {200, "ready\n"};
+    return {503, "the store cannot write: " + result.reason + '\n'};
+}
+
+MetricsServer::Answer DaemonMetrics::healthy() const {
+    if (alive_)
+        return {200, "alive\n"};
+    return {503, "the commit thread hangs\n"};
 }
 
 std::string DaemonMetrics::metrics() const {
@@ -210,13 +205,13 @@ std::string DaemonMetrics::metrics() const {
         addRemoteCalls(text, *sources_.remoteCalls);
     text.gauge("qel_certificate_expires_timestamp_seconds",
                "End of the server's certificate, seconds since 1970",
-               static_cast<double>(sources_.credentials->getValidUntil()) * microseconds);
+               static_cast<double>(sources_.credentials->getValidUntil()) * secondsPerMicrosecond);
     {
         const std::lock_guard lock(mutex_);
         for (const auto& [device, time] : lastSeen_)
             text.gauge("qel_last_event_timestamp_seconds",
                        "Time of the newest event of a device or pseudonym",
-                       static_cast<double>(time) * microseconds, {{"device", device}});
+                       static_cast<double>(time) * secondsPerMicrosecond, {{"device", device}});
     }
     text.append(commits_->collect());
     return text.text();

@@ -44,7 +44,8 @@ class DaemonMetrics {
   private:
     class CommitFigures;
 
-    MetricsServer::Answer answer(const std::string& path) const;
+    MetricsServer::Answer ready() const;
+    MetricsServer::Answer healthy() const;
     std::string metrics() const;
     void eventStored(const Item& origin, long long time);
 

@@ -2,6 +2,7 @@
 
 #include <asio.hpp>
 #include <chrono>
+#include <string_view>
 #include <thread>
 
 #include "common/ConfigBinder.h"
@@ -37,8 +38,8 @@ std::string render(const MetricsServer::Answer& answer) {
 /// One request and its answer.
 class Exchange : public std::enable_shared_from_this<Exchange> {
   public:
-    Exchange(asio::ip::tcp::socket socket, const MetricsServer::Handler& handler)
-        : socket_(std::move(socket)), timer_(socket_.get_executor()), handler_(handler) {}
+    Exchange(asio::ip::tcp::socket socket, const MetricsServer::Pages& pages)
+        : socket_(std::move(socket)), timer_(socket_.get_executor()), pages_(pages) {}
 
     void start() {
         timer_.expires_after(patience);
@@ -66,7 +67,14 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
             return {400, "not a request\n"};
         if (request_.compare(0, first, "GET") != 0)
             return {405, "only GET is answered\n"};
-        return handler_(request_.substr(first + 1, second - first - 1));
+        const std::string_view path(request_.data() + first + 1, second - first - 1);
+        if (path == "/metrics")
+            return {200, pages_.metrics()};
+        if (path == "/-/ready")
+            return pages_.ready();
+        if (path == "/-/healthy")
+            return pages_.healthy();
+        return {404, "there are /metrics, /-/ready and /-/healthy\n"};
     }
 
     void answer(const MetricsServer::Answer& answer) {
@@ -85,7 +93,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
 
     asio::ip::tcp::socket socket_;
     asio::steady_timer timer_;
-    const MetricsServer::Handler& handler_;
+    const MetricsServer::Pages& pages_;
     std::string request_;
     std::string answer_;
 };
@@ -94,7 +102,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
 
 class MetricsServer::Inner {
   public:
-    Inner(const std::string& endpoint, Handler handler) : acceptor_(context_), handler_(std::move(handler)) {
+    Inner(const std::string& endpoint, Pages pages) : acceptor_(context_), pages_(std::move(pages)) {
         std::string host;
         std::uint16_t port = 0;
         splitEndpoint(endpoint, host, port);
@@ -129,7 +137,7 @@ class MetricsServer::Inner {
     void accept() {
         acceptor_.async_accept([this](const asio::error_code& error, asio::ip::tcp::socket socket) {
             if (!error)
-                std::make_shared<Exchange>(std::move(socket), handler_)->start();
+                std::make_shared<Exchange>(std::move(socket), pages_)->start();
             if (error != asio::error::operation_aborted)
                 accept();
         });
@@ -137,12 +145,12 @@ class MetricsServer::Inner {
 
     asio::io_context context_;
     asio::ip::tcp::acceptor acceptor_;
-    Handler handler_;
+    Pages pages_;
     std::thread thread_;
 };
 
-MetricsServer::MetricsServer(const std::string& endpoint, Handler handler)
-    : inner_(std::make_unique<Inner>(endpoint, std::move(handler))) {}
+MetricsServer::MetricsServer(const std::string& endpoint, Pages pages)
+    : inner_(std::make_unique<Inner>(endpoint, std::move(pages))) {}
 
 MetricsServer::~MetricsServer() = default;
 

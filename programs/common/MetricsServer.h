@@ -14,11 +14,15 @@ class MetricsServer {
         int status = 200;
         std::string body;
     };
-    /// Called on the server's thread with the path of the request.
-    using Handler = std::function<Answer(const std::string& path)>;
+    /// What stands at each path, asked on the server's thread.
+    struct Pages {
+        std::function<std::string()> metrics;  // at /metrics
+        std::function<Answer()> ready;         // at /-/ready
+        std::function<Answer()> healthy;       // at /-/healthy
+    };
 
     /// Listens on "HOST:PORT" (port 0 picks a free one). Throws Failure(75) when the address cannot be had.
-    MetricsServer(const std::string& endpoint, Handler handler);
+    MetricsServer(const std::string& endpoint, Pages pages);
     ~MetricsServer();
     MetricsServer(const MetricsServer&) = delete;
     MetricsServer& operator=(const MetricsServer&) = delete;

@@ -10,6 +10,13 @@ struct MetricFamily;
 
 namespace qel::programs {
 
+constexpr double secondsPerMicrosecond = 1e-6;
+
+/// A count as the figure it becomes; exact up to 2^53.
+inline double asDouble(unsigned long long count) {
+    return static_cast<double>(count);
+}
+
 /// Figures gathered for one answer, in the text form of Prometheus. Used by one thread; made anew for each answer.
 class MetricsText {
   public:

@@ -44,19 +44,25 @@ std::string metricsPort(test::Program& program) {
 }
 
 TEST(MetricsServer, AnswersGetAndRefusesEverythingElse) {
-    MetricsServer server("127.0.0.1:0", [](const std::string& path) {
-        return MetricsServer::Answer{path == "/known" ? 200 : 404, "the body\n"};
-    });
+    MetricsServer server("127.0.0.1:0", {[] { return std::string("the body\n"); },
+                                         [] {
+                                             return MetricsServer::Answer{503, "not yet\n"};
+                                         },
+                                         [] {
+                                             return MetricsServer::Answer{200, "alive\n"};
+                                         }});
     const std::string port = portOf(server.address());
-    const std::string good = get(port, "/known");
+    const std::string good = get(port, "/metrics");
     EXPECT_EQ(good.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << good;
     EXPECT_NE(good.find("Content-Length: 9\r\n"), std::string::npos) << good;
     EXPECT_EQ(good.substr(good.size() - 13), "\r\n\r\nthe body\n");
+    EXPECT_EQ(get(port, "/-/ready").rfind("HTTP/1.1 503 Service Unavailable\r\n", 0), 0u);
+    EXPECT_NE(get(port, "/-/healthy").find("\r\n\r\nalive\n"), std::string::npos);
     EXPECT_EQ(get(port, "/other").rfind("HTTP/1.1 404 ", 0), 0u);
-    EXPECT_EQ(askPort(port, "POST /known HTTP/1.1\r\n\r\n").rfind("HTTP/1.1 405 ", 0), 0u);
+    EXPECT_EQ(askPort(port, "POST /metrics HTTP/1.1\r\n\r\n").rfind("HTTP/1.1 405 ", 0), 0u);
     EXPECT_EQ(askPort(port, "\r\n\r\n").rfind("HTTP/1.1 400 ", 0), 0u);
     EXPECT_EQ(askPort(port, std::string(20000, 'x')).rfind("HTTP/1.1 400 ", 0), 0u);
-    EXPECT_EQ(get(port, "/known"), good) << "it serves on after bad requests";
+    EXPECT_EQ(get(port, "/metrics"), good) << "it serves on after bad requests";
 }
 
 class MetricsTest : public SiteFixture {
