@@ -72,13 +72,13 @@ int runDoctor(CommandLine& line) {
         "cure; the exit code is 1 when there is one. Nothing is changed.");
     line.requiredText("--config", "FILE", file, "configuration of a daemon or of a workstation");
     line.flag("--auditor", wishes.auditor, "this user shall be able to read the logs");
-    line.text("--groups", "FILE", wishes.groups, "groups file that reports are made with");
-    line.number("--least-free", "MIB", wishes.leastFreeMebibytes, 0, INT32_MAX,
-                "free disk space that is enough, in MiB");
-    line.number("--clock", "SECONDS", wishes.clockSeconds, 0, 86400,
-                "difference of clocks that is no fault, in seconds");
-    line.number("--waiting", "DAYS", wishes.waitingDays, 0, 36500,
-                "age of waiting events that is no fault, in days");
+    line.text("--groups", "FILE", wishes.groups, "groups file that reports are made with", "none");
+    line.number("--least-free", "N", "MiB", wishes.leastFreeMebibytes, 0, INT32_MAX,
+                "free disk space that is enough");
+    line.number("--clock", "N", "seconds", wishes.clockSeconds, 0, 86400,
+                "difference of clocks that is no fault");
+    line.number("--waiting", "N", "days", wishes.waitingDays, 0, 36500,
+                "age of waiting events that is no fault");
     line.example("qel-audit doctor --config qel-audit.toml");
     if (const auto code = line.parse())
         return *code;

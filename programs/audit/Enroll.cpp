@@ -65,19 +65,20 @@ int runEnroll(CommandLine& line) {
         "qel-audit.toml, "
         "together in a folder that is ready to use. With --list many are made, each in its own folder U@D.");
     line.position("DIR", folder, "folder of the site, as made by 'init'");
-    line.text("--user", "U", user, "name of the user");
-    line.text("--device", "D", device, "name of the device");
-    line.text("--list", "FILE", list, "enroll one user;device per line");
+    line.text("--user", "U", user, "name of the user, 1 to 64 characters",
+              "none; required without --list and --csr");
+    line.text("--device", "D", device, "name of the device, 1 to 64 characters",
+              "none; required without --list and --csr");
+    line.text("--list", "FILE", list, "enroll one user;device per line", "none");
     line.text("--csr", "FILE", request,
-              "sign the request of 'qel-audit request', whose key stays where it is; wants --out");
-    line.text("--out", "DIR2", out,
-              "folder of the identity (default DIR/U@D), with --list the folder above them all");
-    line.text("--state", "DIR3", state,
-              "folder that will hold the queue on the workstation (default the identity's own)");
-    line.text("--authority-key", "FILE", key.file,
-              "where the authority's key lives, instead of DIR/authority.key");
+              "sign the request of 'qel-audit request', whose key stays where it is; wants --out", "none");
+    line.text("--out", "DIR2", out, "folder of the identity, with --list the folder above them all",
+              "DIR/U@D, with --list DIR");
+    line.text("--state", "DIR3", state, "folder that will hold the queue on the workstation",
+              "the identity's own");
+    line.text("--authority-key", "FILE", key.file, "where the authority's key lives", "DIR/authority.key");
     line.text("--passphrase-file", "FILE", key.passphraseFile,
-              "file with the passphrase of the authority's key");
+              "file with the passphrase of the authority's key", "none, the key is not encrypted");
     line.example("qel-audit enroll /etc/qel --user anna --device ws-01 --out anna");
     line.example("qel-audit enroll /etc/qel --csr workstation.csr --out anna");
     line.example("qel-audit enroll /etc/qel --list identities.txt --out workstations");

@@ -3,6 +3,7 @@
 #include "common/Output.h"
 #include "common/Site.h"
 #include "qelCore/ItemStore.h"
+#include "qelNet/Authority.h"
 
 namespace qel::programs {
 
@@ -18,22 +19,22 @@ int runInit(CommandLine& line) {
         "qel-auditd.toml, ready "
         "for 'qel-auditd --config'. The folder is created; one that exists must be empty.");
     line.describe(
-        "The authority's key is needed by 'init --join' and 'enroll' only. Keep it away from the server: "
+        "The authority's key is needed by 'init --join', 'enroll', 'renew' and 'revoke' only. Keep it away "
+        "from the server: "
         "--authority-key "
         "lets it live elsewhere, and it is encrypted when a passphrase is given.");
     line.position("DIR", folder, "folder of the site");
     line.requiredText("--server", "HOST", server, "name or IP address that workstations reach the server by");
-    line.text("--join", "DIR0", join, "make one more server of the site in DIR0, with the same site key");
-    line.text("--state", "DIR1", state,
-              "folder of what the server writes, its store above all (default DIR)");
+    line.text("--join", "DIR0", join, "make one more server of the site in DIR0, with the same site key",
+              "none, a new site");
+    line.text("--state", "DIR1", state, "folder of what the server writes, its store above all", "DIR");
     line.text("--store", "URL", store,
-              "store of the server: lmdb:PATH or postgresql://…, whose files lie relative to DIR (default an "
-              "embedded "
-              "one in DIR or DIR1)");
-    line.text("--authority-key", "FILE", key.file,
-              "where the authority's key lives, instead of DIR/authority.key");
+              "store of the server: lmdb:PATH or postgresql://…, whose files lie relative to DIR",
+              "an embedded one in DIR or DIR1");
+    line.text("--authority-key", "FILE", key.file, "where the authority's key lives",
+              "authority.key in DIR, with --join in DIR0");
     line.text("--passphrase-file", "FILE", key.passphraseFile,
-              "file with the passphrase of the authority's key");
+              "file with the passphrase of the authority's key", "none, the key is not encrypted");
     line.example("qel-audit init /etc/qel --server audit.hospital.example");
     line.example("qel-audit init /etc/qel-auditd --server audit.example --state /var/lib/qel");
     line.example(
@@ -41,10 +42,9 @@ int runInit(CommandLine& line) {
         "postgresql://qel@db/audit?password_file=db.password");
     if (const auto code = line.parse())
         return *code;
-    if (server.empty())
-        return line.usageError("--server is empty, expected a name or an IP address");
-
     std::string reason;
+    if (!Authority::acceptsHost(server, reason))
+        return line.usageError("--server " + reason);
     if (!store.empty() && !ItemStore::checkUrl(store, reason))
         return line.usageError("--store: " + reason);
 

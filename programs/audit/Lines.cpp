@@ -115,8 +115,8 @@ int runLines(CommandLine& line) {
     line.requiredTime("--from", from, "first time, included");
     line.requiredTime("--to", to, "end, not included");
     line.choice("--log", log, {"interaction", "audit"}, "which log");
-    line.choice("--format", format, {"csv", "jsonl"},
-                "csv, the default, or JSON Lines, which --json means too");
+    line.choice("--format", format, {"csv", "jsonl"}, "semicolon-separated text or JSON Lines",
+                "csv, with --json jsonl");
     line.example("qel-audit lines --config anna.toml --log audit --from 2026-03 --to 2026-03");
     if (const auto code = line.parse())
         return *code;

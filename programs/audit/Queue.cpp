@@ -52,7 +52,8 @@ int runQueue(CommandLine& line) {
         "Tells what waits to be forwarded: how many events of each log, the time of the oldest, and what was "
         "kept aside because it was damaged or too large for the service.");
     line.requiredText("--config", "FILE", config, "configuration of the workstation");
-    line.number("--show", "N", show, 0, 1000000000, "print that many of the oldest events of each log");
+    line.number("--show", "N", "events", show, 0, 1000000000,
+                "print that many of the oldest events of each log");
     line.example("qel-audit queue --config qel-audit.toml --show 5");
     if (const auto code = line.parse())
         return *code;

@@ -151,7 +151,8 @@ int runRecord(CommandLine& line) {
         "recorded.");
     line.requiredText("--config", "FILE", config, "configuration of the workstation");
     line.requiredChoice("--log", log, {"interaction", "audit"}, "which of the two logs");
-    line.text("--from", "FILE", from, "read events from a file, or from standard input as -");
+    line.text("--from", "FILE", from, "read events from a file, or from standard input as -",
+              "none, the EVENT of the command line");
     line.flag("--replay", replay, "the events carry their own times");
     line.rest("EVENT", words, "name of one event, followed by its parameters, all taken as texts");
     line.example("qel-audit record --config qel-audit.toml --log interaction SeriesOpened 1.2.3");

@@ -25,13 +25,11 @@ int runRenew(CommandLine& line) {
         "notice within a "
         "minute and close no connection.");
     line.position("DIR", folder, "folder of the site, as made by 'init'");
-    line.text("--certificate", "FILE", certificate,
-              "certificate to replace (default the server's, DIR/server.crt)");
-    line.number("--days", "N", days, 1, mostDays, "how long the new one is valid, in days");
-    line.text("--authority-key", "FILE", key.file,
-              "where the authority's key lives, instead of DIR/authority.key");
+    line.text("--certificate", "FILE", certificate, "certificate to replace", "the server's, DIR/server.crt");
+    line.number("--days", "N", "days", days, 1, mostDays, "how long the new one is valid");
+    line.text("--authority-key", "FILE", key.file, "where the authority's key lives", "DIR/authority.key");
     line.text("--passphrase-file", "FILE", key.passphraseFile,
-              "file with the passphrase of the authority's key");
+              "file with the passphrase of the authority's key", "none, the key is not encrypted");
     line.example("qel-audit renew /etc/qel");
     line.example("qel-audit renew /etc/qel --certificate anna/workstation.crt");
     if (const auto code = line.parse())
@@ -46,8 +44,11 @@ int runRenew(CommandLine& line) {
     constexpr long long microsecondsPerDay = 24LL * 3600 * 1000000;
     const long long until = System::getUTCDateTime() + days * microsecondsPerDay;
     std::string error;
-    if (!site.loadAuthority(key)->renew(certificate, error, {0, until}))
+    const std::unique_ptr<Authority> authority = site.loadAuthority(key);
+    if (!authority->hasIssued(certificate, error))
         throw Failure(exitBadData, error);
+    if (!authority->renew(certificate, error, {0, until}))
+        throw Failure(exitInputOutput, error);
     output.message(certificate + " is valid until " + formatUtc(until));
     output.result().add("certificate", certificate);
     output.result().add("until", formatUtc(until));

@@ -35,10 +35,10 @@ struct ReportOptions {
         line.requiredText("--interaction", "FILE", interaction, "exported interaction log");
         line.requiredText("--audit", "FILE", audit, "exported audit log");
         line.requiredText("--out", "DIR", out, "folder for the page and its three files, made when missing");
-        line.time("--from", from, "begin of the period written on the page (default: the first dated line)");
-        line.time("--to", to,
-                  "end of that period (default: the last dated line); nothing is left out by either");
-        line.text("--server", "NAME", server, "name of the server written on the page");
+        line.time("--from", from, "begin of the period written on the page", "the first dated line");
+        line.time("--to", to, "end of that period; nothing is left out by either", "the last dated line");
+        line.text("--server", "NAME", server, "name of the server written on the page",
+                  "none, its place stays empty");
         line.flag("--raw", raw,
                   "write texts of the logs into the page as they are, markup and scripts included");
         line.flag("--strict", strict, "exit with 1 when a text had to be changed");
@@ -195,7 +195,8 @@ int runUsage(CommandLine& line) {
         "end. --raw leaves them as they are.");
     options.declare(line);
     line.text("--groups", "FILE|system", groups,
-              "groups of the users: lines like user;group;group, or the operating system's");
+              "groups of the users: lines like user;group;group, or the operating system's",
+              "none, nobody has a group");
     line.flag("--photodoc-details", details, "three more charts on photo documentation");
     line.example("qel-audit report usage --interaction interaction.csv --audit audit.csv --out report");
     if (const auto code = line.parse())

@@ -16,18 +16,20 @@ int runRequest(CommandLine& line) {
         "that "
         "'qel-audit enroll --csr' turns into a certificate where the authority's key is.");
     line.position("DIR", folder, "new folder for workstation.key and workstation.csr");
-    line.requiredText("--user", "U", user, "name of the user");
-    line.requiredText("--device", "D", device, "name of the device");
+    line.requiredText("--user", "U", user, "name of the user, 1 to 64 characters");
+    line.requiredText("--device", "D", device, "name of the device, 1 to 64 characters");
     line.example("qel-audit request anna --user anna --device ws-01");
     if (const auto code = line.parse())
         return *code;
 
     Output output(line.name(), line.quiet(), line.json());
-    createNewFolder(folder);
     std::string error;
+    if (!Authority::acceptsNames(user, device, error))
+        throw Failure(exitBadData, error);
+    createNewFolder(folder);
     std::string request;
     if (!Authority::createRequest(user, device, folder + "/workstation.key", request, error))
-        throw Failure(exitBadData, error);
+        throw Failure(exitCannotCreate, error);
     writeNewFile(folder + "/workstation.csr", request);
     output.message("bring " + folder +
                    "/workstation.csr to the authority and sign it with 'qel-audit enroll --csr'");

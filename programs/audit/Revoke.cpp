@@ -19,10 +19,9 @@ int runRevoke(CommandLine& line) {
         "its first one, restart it. Further servers of the site need a copy of the list.");
     line.position("DIR", folder, "folder of the site, as made by 'init'");
     line.requiredText("--certificate", "FILE", certificate, "certificate to shut out; a copy serves");
-    line.text("--authority-key", "FILE", key.file,
-              "where the authority's key lives, instead of DIR/authority.key");
+    line.text("--authority-key", "FILE", key.file, "where the authority's key lives", "DIR/authority.key");
     line.text("--passphrase-file", "FILE", key.passphraseFile,
-              "file with the passphrase of the authority's key");
+              "file with the passphrase of the authority's key", "none, the key is not encrypted");
     line.example("qel-audit revoke /etc/qel --certificate lost/workstation.crt");
     if (const auto code = line.parse())
         return *code;

@@ -162,11 +162,11 @@ int runSimulate(CommandLine& line) {
         "interaction.jsonl and audit.jsonl, as 'record --replay' takes them. The same numbers and seed "
         "always give the "
         "same site.");
-    line.number("--users", "N", users, 1, 100000, "people of the site");
-    line.number("--workstations", "N", workstations, 1, 100000, "devices that they work at");
-    line.number("--days", "N", days, 1, 36500, "length of the time, in days");
-    line.number("--seed", "S", seed, 0, INT64_MAX, "another number, another site");
-    line.time("--from", from, "first day, as a date (default: so that it ends yesterday)");
+    line.number("--users", "N", "people", users, 1, 100000, "who works at the site");
+    line.number("--workstations", "N", "devices", workstations, 1, 100000, "what they work at");
+    line.number("--days", "N", "days", days, 1, 36500, "length of the time");
+    line.number("--seed", "S", "", seed, 0, INT64_MAX, "another number, another site");
+    line.time("--from", from, "first day, as a date", "so that it ends yesterday");
     line.requiredText("--out", "DIR", out, "folder to write to, created when missing");
     line.example("qel-audit simulate --users 30 --workstations 12 --days 90 --out site");
     if (const auto code = line.parse())

@@ -158,9 +158,9 @@ int runStoreLs(CommandLine& line) {
         "in its audit trail.");
     line.requiredText("--store", "URL", url, "lmdb:PATH or postgresql://…");
     line.requiredChoice("--log", name, {"interaction", "audit"}, "which of the two logs");
-    line.time("--from", from, "first time, included");
-    line.time("--to", to, "last time, included");
-    line.number("--limit", "N", shown, 0, INT64_MAX, "print that many at most, 0 for all");
+    line.time("--from", from, "first time, included", "the oldest event");
+    line.time("--to", to, "last time, included", "the newest event");
+    line.number("--limit", "N", "events", shown, 0, INT64_MAX, "print that many at most, 0 for all");
     line.example("qel-audit store ls --store lmdb:store --log audit --limit 20");
     if (const auto code = line.parse())
         return *code;

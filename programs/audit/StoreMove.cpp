@@ -26,7 +26,7 @@ std::unique_ptr<ItemStore> openCopyTarget(const std::string& url) {
     std::string reason;
     std::unique_ptr<ItemStore> target = ItemStore::open(url, options, reason);
     if (!target)
-        throw Failure(exitCannotCreate, reason);
+        throw Failure(outOfReach(reason) ? exitUnavailable : exitCannotCreate, reason);
     return target;
 }
 

@@ -3,6 +3,7 @@
 #include "auditd/AuditGuard.h"
 #include "auditd/DaemonMetrics.h"
 #include "auditing/AuditExport.h"
+#include "common/CentralStore.h"
 #include "common/ConfigFile.h"
 #include "common/Failure.h"
 #include "common/LogPath.h"
@@ -82,7 +83,7 @@ void Daemon::openStore() {
     std::string reason;
     store_ = ItemStore::open(config_.resolveUrl(config_.storeUrl), options, reason);
     if (!store_)
-        throw Failure(exitInputOutput, reason);
+        throw Failure(outOfReach(reason) ? exitUnavailable : exitInputOutput, reason);
     ItemStore::setCurrent(store_.get());
     if (!store_->bindSiteKey(credentials_->getSiteKey().getFingerprint(), reason))
         throw Failure(exitConfiguration,

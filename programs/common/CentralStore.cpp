@@ -20,7 +20,7 @@ constexpr std::string_view embedded = "lmdb:";
 void requireFolder(const std::string& path, bool readOnly) {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0)
-        throw systemFailure(errno == EACCES ? exitNoPermission : exitInputMissing, path, errno);
+        throw inputFailure(path, errno);
     if (!S_ISDIR(status.st_mode))
         throw systemFailure(exitInputMissing, path, ENOTDIR);
     if (::access(path.c_str(), R_OK | X_OK | (readOnly ? 0 : W_OK)) != 0)
@@ -50,8 +50,12 @@ std::unique_ptr<ItemStore> openStore(const std::string& url, bool readOnly) {
     options.readOnly = readOnly;
     std::unique_ptr<ItemStore> store = ItemStore::open(url, options, reason);
     if (!store)
-        throw Failure(exitInputMissing, reason);
+        throw Failure(outOfReach(reason) ? exitUnavailable : exitInputMissing, reason);
     return store;
+}
+
+bool outOfReach(const std::string& reason) {
+    return reason.rfind("cannot reach", 0) == 0;
 }
 
 std::string storeFolder(const std::string& url) {

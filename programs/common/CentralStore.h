@@ -8,8 +8,11 @@
 namespace qel::programs {
 
 /// Opens a store by URL, its path relative to the current folder; it must exist. Throws Failure: 64 for something that is
-/// no store URL, 66 missing, 77 not permitted.
+/// no store URL, 66 missing, 69 a database that does not answer, 77 not permitted.
 std::unique_ptr<ItemStore> openStore(const std::string& url, bool readOnly);
+
+/// Whether that is why a store could not be opened: its database does not answer, or not to us.
+bool outOfReach(const std::string& reason);
 
 /// The folder of an `lmdb:PATH` URL; throws Failure(64) for any other.
 std::string storeFolder(const std::string& url);

@@ -1,11 +1,14 @@
 #include "common/CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 
 #include "common/Failure.h"
 #include "common/HelpText.h"
 #include "common/Nearest.h"
+#include "common/Output.h"
+#include "qelCore/logging/Log.h"
 
 namespace qel::programs {
 
@@ -29,9 +32,24 @@ class CommandLine::Impl {
         if (required)
             option->required();
         page.options.push_back(
-            {name, std::move(placeholder), std::move(text), std::move(fallback), required});
+            {name, std::move(placeholder), std::move(text), "", std::move(fallback), required});
         return option;
     }
+
+    void addTime(const char* name, std::optional<TimeSpan>& value, const std::string& text,
+                 const std::string& fallback, bool required) {
+        if (!takesTimes)
+            page.paragraphs.emplace_back(
+                "A time T is one instant, 2026-03-01T08:00:00+01:00 or 2026-03-01T07:00:00Z, or all of a "
+                "day, "
+                "month, quarter or year of German local time: 2026-03-01, 2026-03, 2026-Q1, 2026.");
+        takesTimes = true;
+        add(app.add_option_function<std::string>(name, timeInto(name, value)), name, "T", text, fallback,
+            required);
+    }
+
+    /// Also when the command line could not be parsed to its end.
+    bool wantsJson() const { return json || std::find(args.begin(), args.end(), "--json") != args.end(); }
 
     HelpPage page;
     std::vector<std::string> args;
@@ -41,6 +59,19 @@ class CommandLine::Impl {
     bool quiet = false;
     bool json = false;
     bool man = false;
+    bool takesTimes = false;
+
+  private:
+    static std::function<void(const std::string&)> timeInto(const char* option,
+                                                            std::optional<TimeSpan>& value) {
+        return [option, &value](const std::string& given) {
+            TimeSpan span;
+            std::string error;
+            if (!parseTime(given, span, error))
+                throw CLI::ValidationError(option, error);
+            value = span;
+        };
+    }
 };
 
 CommandLine::CommandLine(std::string name, std::string summary, std::vector<std::string> arguments)
@@ -73,8 +104,8 @@ void CommandLine::entry(const std::string& word, const std::string& meaning) {
 }
 
 void CommandLine::text(const char* option, const char* placeholder, std::string& value,
-                       const std::string& help) {
-    impl_->add(impl_->app.add_option(option, value), option, placeholder, help, value, false);
+                       const std::string& help, const std::string& otherwise) {
+    impl_->add(impl_->app.add_option(option, value), option, placeholder, help, otherwise, false);
 }
 
 void CommandLine::requiredText(const char* option, const char* placeholder, std::string& value,
@@ -118,8 +149,10 @@ std::function<std::string(std::string&)> wholeNumber(std::int64_t lowest, std::i
 }  // namespace
 
 void CommandLine::choice(const char* option, std::string& value, const std::vector<std::string>& choices,
-                         const std::string& help) {
-    impl_->add(impl_->app.add_option(option, value), option, joined(choices, "|"), help, value, false)
+                         const std::string& help, const std::string& otherwise) {
+    impl_
+        ->add(impl_->app.add_option(option, value), option, joined(choices, "|"), help,
+              otherwise.empty() ? value : otherwise, false)
         ->check(CLI::Validator(oneOf(choices), ""));
 }
 
@@ -129,45 +162,27 @@ void CommandLine::requiredChoice(const char* option, std::string& value,
         ->check(CLI::Validator(oneOf(choices), ""));
 }
 
-void CommandLine::number(const char* option, const char* placeholder, std::int64_t& value,
+void CommandLine::number(const char* option, const char* placeholder, const char* unit, std::int64_t& value,
                          std::int64_t lowest, std::int64_t highest, const std::string& help) {
     impl_->add(impl_->app.add_option(option, value), option, placeholder, help, std::to_string(value), false)
         ->check(CLI::Validator(wholeNumber(lowest, highest), ""));
+    impl_->page.options.back().range =
+        std::to_string(lowest) + (highest == INT64_MAX ? " or more" : " to " + std::to_string(highest)) +
+        (*unit ? ' ' + std::string(unit) : "");
 }
 
-void CommandLine::requiredNumber(const char* option, const char* placeholder, std::int64_t& value,
-                                 std::int64_t lowest, std::int64_t highest, const std::string& help) {
-    impl_->add(impl_->app.add_option(option, value), option, placeholder, help, "", true)
-        ->check(CLI::Validator(wholeNumber(lowest, highest), ""));
-}
-
-namespace {
-
-std::function<void(const std::string&)> timeInto(const char* option, std::optional<TimeSpan>& value) {
-    return [option, &value](const std::string& given) {
-        TimeSpan span;
-        std::string error;
-        if (!parseTime(given, span, error))
-            throw CLI::ValidationError(option, error);
-        value = span;
-    };
-}
-
-}  // namespace
-
-void CommandLine::time(const char* option, std::optional<TimeSpan>& value, const std::string& help) {
-    impl_->add(impl_->app.add_option_function<std::string>(option, timeInto(option, value)), option, "T",
-               help, "", false);
+void CommandLine::time(const char* option, std::optional<TimeSpan>& value, const std::string& help,
+                       const std::string& otherwise) {
+    impl_->addTime(option, value, help, otherwise, false);
 }
 
 void CommandLine::requiredTime(const char* option, std::optional<TimeSpan>& value, const std::string& help) {
-    impl_->add(impl_->app.add_option_function<std::string>(option, timeInto(option, value)), option, "T",
-               help, "", true);
+    impl_->addTime(option, value, help, "", true);
 }
 
 void CommandLine::flag(const char* option, bool& value, const std::string& help) {
     impl_->app.add_flag(option, value);
-    impl_->page.options.push_back({option, "", help, "", false});
+    impl_->page.options.push_back({option, "", help, "", "", false});
 }
 
 void CommandLine::position(const char* placeholder, std::string& value, const std::string& help) {
@@ -203,6 +218,12 @@ std::optional<int> CommandLine::parse() {
         impl_->app.parse(reversed);
     } catch (const CLI::ExtrasError&) {
         return usageError(explainExtras(impl_->page, impl_->app.remaining()));
+    } catch (const CLI::RequiredError& error) {
+        // Whoever misspelt a required option wants to hear of the spelling.
+        const std::vector<std::string> rest = impl_->app.remaining();
+        const bool misspelt = std::any_of(rest.begin(), rest.end(),
+                                          [](const std::string& word) { return word.rfind("--", 0) == 0; });
+        return usageError(misspelt ? explainExtras(impl_->page, rest) : error.what());
     } catch (const CLI::ParseError& error) {
         return usageError(error.what());
     }
@@ -212,7 +233,16 @@ std::optional<int> CommandLine::parse() {
 int CommandLine::usageError(const std::string& sentence) const {
     std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", impl_->page.name.c_str(), sentence.c_str(),
                  impl_->page.name.c_str());
+    if (impl_->wantsJson())
+        printJsonFailure(exitUsage, sentence);
     return exitUsage;
+}
+
+int CommandLine::failure(ExitCode code, const std::string& sentence) const {
+    std::fprintf(stderr, "%s: %s\n", impl_->page.name.c_str(), logging::escaped(sentence).c_str());
+    if (impl_->wantsJson())
+        printJsonFailure(code, sentence);
+    return code;
 }
 
 bool CommandLine::quiet() const {

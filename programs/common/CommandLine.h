@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/ExitCode.h"
 #include "common/Times.h"
 
 namespace qel::programs {
@@ -33,19 +34,21 @@ class CommandLine {
     /// Lines of a table below the description: a word and what it does (the commands of a group).
     void entry(const std::string& word, const std::string& meaning);
 
-    void text(const char* option, const char* placeholder, std::string& value, const std::string& help);
+    /// `otherwise` says what holds without the option; the help names it as the default.
+    void text(const char* option, const char* placeholder, std::string& value, const std::string& help,
+              const std::string& otherwise);
     void requiredText(const char* option, const char* placeholder, std::string& value,
                       const std::string& help);
+    /// Without `otherwise` the default is the value handed in.
     void choice(const char* option, std::string& value, const std::vector<std::string>& choices,
-                const std::string& help);
+                const std::string& help, const std::string& otherwise = {});
     void requiredChoice(const char* option, std::string& value, const std::vector<std::string>& choices,
                         const std::string& help);
-    /// Both bounds included.
-    void number(const char* option, const char* placeholder, std::int64_t& value, std::int64_t lowest,
-                std::int64_t highest, const std::string& help);
-    void requiredNumber(const char* option, const char* placeholder, std::int64_t& value, std::int64_t lowest,
-                        std::int64_t highest, const std::string& help);
-    void time(const char* option, std::optional<TimeSpan>& value, const std::string& help);
+    /// Both bounds included; the help names them, the unit ("days"; empty for a mere number) and the default.
+    void number(const char* option, const char* placeholder, const char* unit, std::int64_t& value,
+                std::int64_t lowest, std::int64_t highest, const std::string& help);
+    void time(const char* option, std::optional<TimeSpan>& value, const std::string& help,
+              const std::string& otherwise);
     void requiredTime(const char* option, std::optional<TimeSpan>& value, const std::string& help);
     void flag(const char* option, bool& value, const std::string& help);
     /// Arguments without an option, in the order of declaration; `rest` takes all that follow.
@@ -58,6 +61,10 @@ class CommandLine {
 
     /// A usage error found after parsing ("--replay needs --from").
     int usageError(const std::string& sentence) const;
+
+    /// How a command ends that could not do its work: the sentence on standard error, with --json also as an object on
+    /// standard output. Returns `code`.
+    int failure(ExitCode code, const std::string& sentence) const;
 
     bool quiet() const;
     bool json() const;

@@ -6,8 +6,8 @@
 
 namespace qel::programs {
 
-/// Reads a configuration over the defaults of `config`. Throws Failure: 66 when the file is missing or
-/// unreadable, 78 with "FILE:LINE: [section] key = value: expected …" for the first fault, an unknown key
+/// Reads a configuration over the defaults of `config`. Throws Failure: 66 when the file is missing,
+/// 77 when it may not be read, 78 with "FILE:LINE: [section] key = value: expected …" for the first fault, an unknown key
 /// included.
 void readConfig(const std::string& file, DaemonConfig& config);
 void readConfig(const std::string& file, WorkstationConfig& config);

@@ -1,12 +1,9 @@
-#include <cstdio>
 #include <exception>
 #include <new>
 
 #include "common/CommandLine.h"
 #include "common/Failure.h"
-#include "common/HelpText.h"
 #include "common/Nearest.h"
-#include "qelCore/logging/Log.h"
 
 namespace qel::programs {
 namespace {
@@ -22,26 +19,21 @@ int runGuarded(const Command& command, CommandLine& line) {
     try {
         return command.run(line);
     } catch (const Failure& failure) {
-        std::fprintf(stderr, "%s: %s\n", line.name().c_str(), logging::escaped(failure.what()).c_str());
-        return failure.code();
+        return line.failure(failure.code(), failure.what());
     } catch (const std::bad_alloc&) {
-        std::fprintf(stderr, "%s: out of memory\n", line.name().c_str());
-        return exitTemporary;
+        return line.failure(exitTemporary, "out of memory");
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", line.name().c_str(), logging::escaped(error.what()).c_str());
-        return exitInputOutput;
+        return line.failure(exitInputOutput, error.what());
     }
 }
 
-int unknownCommand(const std::string& program, const std::vector<Command>& commands,
-                   const std::string& name) {
+int unknownCommand(const CommandLine& line, const std::vector<Command>& commands, const std::string& name) {
     std::vector<std::string> names;
     for (const Command& command : commands)
         names.emplace_back(command.name);
     const std::string nearest = nearestOf(name, names);
-    std::fprintf(stderr, "%s: \"%s\" is not a command%s\nTry '%s --help'.\n", program.c_str(), name.c_str(),
-                 nearest.empty() ? "" : (", perhaps " + nearest).c_str(), program.c_str());
-    return exitUsage;
+    return line.usageError('"' + name + "\" is not a command" +
+                           (nearest.empty() ? "" : ", perhaps " + nearest));
 }
 
 /// The page of the table itself.
@@ -64,7 +56,7 @@ int dispatch(const std::string& program, const std::string& summary, const std::
     }
     const Command* command = findCommand(commands, arguments.front());
     if (!command)
-        return unknownCommand(program, commands, arguments.front());
+        return unknownCommand(CommandLine(program, summary, arguments), commands, arguments.front());
     CommandLine line(program + ' ' + command->name, command->summary,
                      {arguments.begin() + 1, arguments.end()});
     return runGuarded(*command, line);

@@ -23,4 +23,7 @@ class Failure : public std::runtime_error {
 /// "path: reason" with the system's own text for `error` (an errno value).
 Failure systemFailure(ExitCode code, const std::string& path, int error);
 
+/// The same for input that could not be opened: 77 when rights are missing, 66 otherwise.
+Failure inputFailure(const std::string& path, int error);
+
 }  // namespace qel::programs

@@ -65,7 +65,7 @@ std::string readTextFile(const std::string& file) {
         throw systemFailure(exitInputMissing, file, EISDIR);
     std::ifstream in(file, std::ios::binary);
     if (!in)
-        throw systemFailure(exitInputMissing, file, errno);
+        throw inputFailure(file, errno);
     std::string text;
     std::string piece(1 << 16, '\0');
     while (in.read(piece.data(), static_cast<std::streamsize>(piece.size())) || in.gcount() > 0) {

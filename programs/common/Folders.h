@@ -14,7 +14,7 @@ void createNewFolder(const std::string& folder);
 /// Failure(73) when it cannot be created and Failure(74) when it cannot be written.
 void replaceFile(const std::string& file, const std::string& bytes);
 
-/// Reads a whole text file; throws Failure(66) with the reason.
+/// Reads a whole text file; throws Failure: 66 missing, 77 not permitted, with the reason.
 std::string readTextFile(const std::string& file);
 
 }  // namespace qel::programs

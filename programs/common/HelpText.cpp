@@ -13,10 +13,10 @@ constexpr std::size_t textColumn = 26;
 // Every command has these; they are described here once.
 const std::vector<HelpPage::Option>& commonOptions() {
     static const std::vector<HelpPage::Option> options{
-        {"--json", "", "print a machine-readable result on standard output", "", false},
-        {"--quiet", "", "print no messages but errors", "", false},
-        {"--help", "", "print this help and end", "", false},
-        {"--version", "", "print the version and end", "", false},
+        {"--json", "", "print a machine-readable result, or the error, on standard output", "", "", false},
+        {"--quiet", "", "print no messages but errors", "", "", false},
+        {"--help", "", "print this help and end", "", "", false},
+        {"--version", "", "print the version and end", "", "", false},
     };
     return options;
 }
@@ -66,9 +66,10 @@ std::string leftOf(const HelpPage::Option& option) {
 std::string rightOf(const HelpPage::Option& option) {
     if (option.required)
         return option.text + " (required)";
-    if (!option.fallback.empty())
-        return option.text + " (default " + option.fallback + ')';
-    return option.text;
+    if (option.fallback.empty())
+        return option.text;
+    return option.text + " (" + (option.range.empty() ? "" : option.range + ", ") + "default " +
+           option.fallback + ')';
 }
 
 std::string synopsis(const HelpPage& page) {

@@ -11,7 +11,8 @@ struct HelpPage {
         std::string name;
         std::string placeholder;  // empty for a flag
         std::string text;
-        std::string fallback;  // the default; empty for none
+        std::string range;     // of a number, with its unit: "1 to 36500 days"
+        std::string fallback;  // the default in words; empty for a flag and what is required
         bool required = false;
     };
     struct Entry {

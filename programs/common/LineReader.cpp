@@ -20,7 +20,7 @@ LineReader::LineReader(const std::string& file)
     : file_(file == "-" ? "standard input" : file), buffer_(readSize) {
     descriptor_ = file == "-" ? ::dup(STDIN_FILENO) : ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (descriptor_ < 0)
-        throw systemFailure(exitInputMissing, file_, errno);
+        throw inputFailure(file_, errno);
     struct stat status {};
     if (::fstat(descriptor_, &status) == 0 && S_ISDIR(status.st_mode)) {
         ::close(descriptor_);

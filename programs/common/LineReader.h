@@ -14,7 +14,7 @@ class LineReader {
     /// Longest line taken; a longer one is no event that a queue could hold.
     static constexpr std::size_t longestLine = 4 << 20;
 
-    /// Throws Failure(66) when the file cannot be read.
+    /// Throws Failure when the file cannot be read: 66, or 77 without the right to.
     explicit LineReader(const std::string& file);
     ~LineReader();
     LineReader(const LineReader&) = delete;

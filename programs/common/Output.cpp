@@ -33,4 +33,11 @@ void Output::finish() {
         throw systemFailure(exitInputOutput, "standard output", errno ? errno : EIO);
 }
 
+void printJsonFailure(ExitCode code, const std::string& sentence) {
+    JsonObject object;
+    object.add("error", sentence);
+    object.add("exit", std::int64_t{code});
+    std::puts(object.text().c_str());
+}
+
 }  // namespace qel::programs

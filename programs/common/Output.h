@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "common/ExitCode.h"
 #include "common/Json.h"
 
 namespace qel::programs {
@@ -35,5 +36,8 @@ class Output {
     bool json_;
     JsonObject result_;
 };
+
+/// What --json prints instead of a result when there is none: {"error":"…","exit":66}.
+void printJsonFailure(ExitCode code, const std::string& sentence);
 
 }  // namespace qel::programs

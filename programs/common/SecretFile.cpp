@@ -72,7 +72,7 @@ std::string secretFileFault(const std::string& file) {
 
 void requireSecretFile(const std::string& file) {
     if (::access(file.c_str(), R_OK) != 0)
-        throw systemFailure(exitInputMissing, file, errno);
+        throw inputFailure(file, errno);
     const std::string fault = secretFileFault(file);
     if (!fault.empty())
         throw Failure(exitConfiguration, fault);

@@ -9,7 +9,7 @@ namespace qel::programs {
 /// Returns an empty text when all is well, otherwise the fault and its cure in one sentence.
 std::string secretFileFault(const std::string& file);
 
-/// Throws Failure: 66 when the file is missing or unreadable, 78 when it is not kept as a secret.
+/// Throws Failure: 66 when the file is missing, 77 when it may not be read, 78 when it is not kept as a secret.
 void requireSecretFile(const std::string& file);
 
 /// Writes a new file that its owner alone may read; throws Failure(73) when it exists or cannot be created.

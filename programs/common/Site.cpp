@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <sstream>
 
 #include "common/ConfigFile.h"
@@ -52,6 +53,19 @@ void writeIdentity(const Site& site, const std::string& folder, const std::strin
     config.audit = server.audit;
     config.interaction = server.interaction;
     writeNewFile(folder + "/qel-audit.toml", printConfig(config, true));
+}
+
+/// Runs `write`, which fills the new folder of an identity; when it fails, a second attempt shall not stumble over the rest.
+void wholeOrNothing(const std::string& folder, const std::function<void()>& write) {
+    try {
+        write();
+    } catch (...) {
+        std::error_code ignored;
+        for (const char* file : {"workstation.crt", "workstation.key", "authority.crt", "qel-audit.toml"})
+            std::filesystem::remove(folder + '/' + file, ignored);
+        std::filesystem::remove(folder, ignored);
+        throw;
+    }
 }
 
 }  // namespace
@@ -140,8 +154,10 @@ void Site::writeConfiguration(const std::string& host, const std::string& state,
 void Site::revoke(const std::string& certificate, const AuthorityKey& key) const {
     const std::unique_ptr<Authority> authority = loadAuthority(key);
     std::string error;
-    if (!authority->revoke(certificate, revocationList(), error))
+    if (!authority->hasIssued(certificate, error))
         throw Failure(exitBadData, error);
+    if (!authority->revoke(certificate, revocationList(), error))
+        throw Failure(exitInputOutput, error);
     std::string text = readTextFile(configuration());
     const std::string none = "\nrevoked = \"\"\n";
     const std::size_t place = text.find(none);
@@ -197,15 +213,16 @@ std::string identityFolder(const std::string& user, const std::string& device) {
 
 void enrollIdentity(const Site& site, Authority& authority, const std::string& user,
                     const std::string& device, const std::string& folder, const std::string& state) {
-    createNewFolder(folder);
     std::string error;
-    if (!authority.issueWorkstation(user, device, folder + "/workstation.crt", folder + "/workstation.key",
-                                    error)) {
-        std::error_code ignored;
-        std::filesystem::remove(folder, ignored);  // when nothing was written, nothing is left behind
+    if (!Authority::acceptsNames(user, device, error))
         throw Failure(exitBadData, error);
-    }
-    writeIdentity(site, folder, state);
+    createNewFolder(folder);
+    wholeOrNothing(folder, [&] {
+        if (!authority.issueWorkstation(user, device, folder + "/workstation.crt",
+                                        folder + "/workstation.key", error))
+            throw Failure(exitCannotCreate, error);
+        writeIdentity(site, folder, state);
+    });
 }
 
 void enrollRequest(const Site& site, Authority& authority, const std::string& requestPem,
@@ -215,8 +232,10 @@ void enrollRequest(const Site& site, Authority& authority, const std::string& re
     if (certificate.empty())
         throw Failure(exitBadData, error);
     createNewFolder(folder);
-    writeNewFile(folder + "/workstation.crt", certificate);
-    writeIdentity(site, folder, state);
+    wholeOrNothing(folder, [&] {
+        writeNewFile(folder + "/workstation.crt", certificate);
+        writeIdentity(site, folder, state);
+    });
 }
 
 }  // namespace qel::programs

@@ -26,8 +26,8 @@ class Workstation {
         work,  ///< the store is created when missing, and bound to the identity
     };
 
-    /// Throws Failure: 66 no configuration or no store, 78 a configuration that cannot work (a queue that was filled
-    /// by another identity included), 74 a store that cannot be opened.
+    /// Throws Failure: 66 no configuration or no store, 77 one that may not be read, 78 a configuration that
+    /// cannot work (a queue that was filled by another identity included), 74 a store that cannot be opened.
     Workstation(const std::string& configFile, Use use);
     ~Workstation();
     Workstation(const Workstation&) = delete;

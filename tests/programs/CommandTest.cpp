@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <regex>
 #include <sstream>
 
 #include "audit/Commands.h"
@@ -59,6 +62,103 @@ void expectGoodHelp(const std::vector<std::string>& command) {
 
 TEST(Commands, HelpOfEveryCommandFitsEightyColumns) {
     expectGoodHelp({});
+}
+
+/// The rows below "Options:" with their continuation lines joined.
+std::vector<std::string> optionsIn(const std::string& help) {
+    std::vector<std::string> rows;
+    std::istringstream lines(help.substr(help.find("\nOptions:\n") + 10));
+    for (std::string line; std::getline(lines, line) && !line.empty();) {
+        if (line.rfind("  --", 0) == 0)
+            rows.push_back(line);
+        else
+            rows.back() += ' ' + line.substr(line.find_first_not_of(' '));
+    }
+    return rows;
+}
+
+/// Every option that takes a value says at its end what holds without it, a number also its bounds and unit.
+void expectDefaults(const std::vector<std::string>& command, std::size_t& values) {
+    std::vector<std::string> arguments = command;
+    arguments.push_back("--help");
+    const std::string help = audit(arguments).out;
+    const std::regex withValue("  --[a-z-]+ [^ a-z].*|  --[a-z-]+ [a-z]+\\|.*");
+    const std::regex endsWell(".* \\((required|(.*, )?default .+)\\)");
+    const std::regex number(".*default -?[0-9]+\\)");
+    const std::regex numberEndsWell(".* \\([0-9]+ (to [0-9]+|or more)( [A-Za-z]+)?, default [0-9]+\\)");
+    for (const std::string& row : optionsIn(help)) {
+        if (!std::regex_match(row, withValue))
+            continue;
+        ++values;
+        EXPECT_TRUE(std::regex_match(row, endsWell)) << arguments.front() << row;
+        if (!std::regex_match(row, number))
+            continue;
+        std::smatch parts;
+        EXPECT_TRUE(std::regex_match(row, parts, numberEndsWell)) << arguments.front() << row;
+        // The one number that measures nothing.
+        EXPECT_TRUE(parts[2].matched || row.rfind("  --seed ", 0) == 0) << arguments.front() << row;
+    }
+    for (const std::string& below : listedIn(help)) {
+        std::vector<std::string> deeper = command;
+        deeper.push_back(below);
+        expectDefaults(deeper, values);
+    }
+}
+
+TEST(Commands, HelpNamesTheDefaultOfEveryValueAndTheUnitOfEveryNumber) {
+    std::size_t values = 0;
+    expectDefaults({}, values);
+    EXPECT_GE(values, 70u);
+}
+
+TEST(Commands, HelpOfEveryCommandThatTakesTimesShowsTheirForms) {
+    for (const char* name : {"export", "download", "lines", "simulate"})
+        EXPECT_NE(audit({name, "--help"}).out.find("2026-Q1"), std::string::npos) << name;
+}
+
+TEST(Commands, JsonTellsOfFailuresTooOnStandardOutput) {
+    test::TemporaryFolder folder;
+    const test::ProgramResult missing =
+        audit({"store", "info", "--json", "--store", "lmdb:" + (folder / "nowhere")});
+    EXPECT_EQ(missing.code, 66);
+    EXPECT_EQ(missing.out,
+              "{\"error\":\"" + (folder / "nowhere") + ": No such file or directory\",\"exit\":66}\n");
+    EXPECT_NE(missing.err.find("No such file or directory"), std::string::npos) << missing.err;
+    const test::ProgramResult wrong = audit({"store", "info", "--stor", "x", "--json"});
+    EXPECT_EQ(wrong.code, 64);
+    EXPECT_EQ(wrong.out, "{\"error\":\"--stor is not an option here, perhaps --store\",\"exit\":64}\n");
+    const test::ProgramResult unknown = audit({"stor", "--json"});
+    EXPECT_EQ(unknown.out, "{\"error\":\"\\\"stor\\\" is not a command, perhaps store\",\"exit\":64}\n");
+    EXPECT_EQ(audit({"stor"}).out, "");
+}
+
+/// The exit code of a command for somebody who is not root.
+int codeForAnybody(const std::vector<std::string>& arguments) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        constexpr uid_t nobody = 65534;
+        const bool changed = ::geteuid() != 0 || ::setuid(nobody) == 0;
+        ::_exit(changed ? runAudit(arguments) : 255);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(Commands, InputThatMayNotBeReadIsNotCalledMissing) {
+    test::TemporaryFolder folder;
+    const std::string file = folder.write("closed", "");
+    ASSERT_EQ(::chmod(file.c_str(), 0), 0);
+    EXPECT_EQ(codeForAnybody({"queue", "--config", file}), 77);
+    EXPECT_EQ(codeForAnybody({"doctor", "--config", file}), 77);
+    EXPECT_EQ(audit({"queue", "--config", folder / "nowhere"}).code, 66);
+}
+
+TEST(Commands, DatabaseThatDoesNotAnswerIsUnavailable) {
+    const std::string database = "postgresql://nobody@127.0.0.1:1/audit?connect_timeout=2";
+    const test::ProgramResult result = audit({"store", "info", "--store", database});
+    EXPECT_EQ(result.code, 69) << result.err;
+    EXPECT_NE(result.err.find("cannot reach the database audit"), std::string::npos) << result.err;
 }
 
 TEST(Commands, VersionIsPrintedByTheProgramAndByEveryCommand) {

@@ -158,9 +158,47 @@ TEST_F(SiteTest, RevokedCertificateStandsOnTheListThatTheConfigurationNames) {
 }
 
 TEST_F(SiteTest, ServerNameThatCannotBeLeavesNoHalfSiteBehind) {
-    EXPECT_EQ(audit({"init", folder_ / "site", "--server", "a b"}).code, 73);
-    EXPECT_FALSE(std::filesystem::exists(folder_ / "site"));
+    for (const char* wrong : {"a b", "", "name:7443", "a/b"}) {
+        const test::ProgramResult result = audit({"init", folder_ / "site", "--server", wrong});
+        EXPECT_EQ(result.code, 64) << wrong;
+        EXPECT_NE(result.err.find("is neither a host name nor an IP address"), std::string::npos)
+            << result.err;
+        EXPECT_FALSE(std::filesystem::exists(folder_ / "site"));
+    }
     EXPECT_EQ(init("site").code, 0);
+}
+
+/// As `audit`, on a disk that takes not one byte more.
+test::ProgramResult auditOnAFullDisk(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"/usr/bin/prlimit", "--fsize=0", "/usr/bin/env",
+                                         "--ignore-signal=XFSZ", QEL_PROGRAMS_DIR "/qel-audit"});
+    return test::run(arguments);
+}
+
+TEST_F(SiteTest, FullDiskLeavesNoHalfIdentityBehind) {
+    ASSERT_EQ(init("site").code, 0);
+    const std::vector<std::string> enroll{"enroll", folder_ / "site", "--user",        "anna", "--device",
+                                          "ws",     "--out",          folder_ / "anna"};
+    const test::ProgramResult result = auditOnAFullDisk(enroll);
+    EXPECT_EQ(result.code, 73) << result.err;
+    EXPECT_NE(result.err.find("cannot write " + (folder_ / "anna/workstation.key")), std::string::npos)
+        << result.err;
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "anna"));
+    EXPECT_EQ(audit(enroll).code, 0);
+    EXPECT_EQ(auditOnAFullDisk({"init", folder_ / "other", "--server", "localhost"}).code, 73);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "other"));
+    EXPECT_EQ(auditOnAFullDisk({"request", folder_ / "ws", "--user", "u", "--device", "d"}).code, 73);
+}
+
+TEST_F(SiteTest, FullDiskKeepsTheCertificateThatWasToBeRenewedOrRevoked) {
+    ASSERT_EQ(init("site").code, 0);
+    const std::string server = test::TemporaryFolder::read(folder_ / "site/server.crt");
+    EXPECT_EQ(auditOnAFullDisk({"renew", folder_ / "site"}).code, 74);
+    EXPECT_EQ(
+        auditOnAFullDisk({"revoke", folder_ / "site", "--certificate", folder_ / "site/server.crt"}).code,
+        74);
+    EXPECT_EQ(test::TemporaryFolder::read(folder_ / "site/server.crt"), server);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "site/revoked.crl"));
 }
 
 TEST_F(SiteTest, StateFolderOfAnyNameIsReadBack) {
@@ -256,6 +294,17 @@ TEST_F(SiteTest, EnrollWithoutASiteSaysSo) {
     const test::ProgramResult result = audit({"enroll", folder_.path(), "--user", "a", "--device", "b"});
     EXPECT_EQ(result.code, 66);
     EXPECT_NE(result.err.find("qel-audit init"), std::string::npos) << result.err;
+}
+
+TEST_F(SiteTest, NamesThatNoCertificateTakesAreRefusedBeforeAnythingIsMade) {
+    ASSERT_EQ(init("site").code, 0);
+    const std::string longName(65, 'x');
+    EXPECT_EQ(
+        audit({"enroll", folder_ / "site", "--user", longName, "--device", "d", "--out", folder_ / "a"}).code,
+        65);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "a"));
+    EXPECT_EQ(audit({"request", folder_ / "a", "--user", "u", "--device", longName}).code, 65);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "a"));
 }
 
 TEST_F(SiteTest, EnrollNeedsAUserAndADeviceOrAList) {

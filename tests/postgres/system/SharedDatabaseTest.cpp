@@ -134,7 +134,7 @@ TEST_F(SharedDatabase, ACopyThatIsKilledGoesOnWhenItIsRunAgain) {
     EXPECT_NE(differs.out.find("\"differing\":1"), std::string::npos) << differs.out;
     const ProcessResult away = audit(folder_.path(), {"store", "copy", "--from", source, "--to",
                                                       "postgresql://qel@localhost:1/x?sslmode=disable"});
-    EXPECT_EQ(away.code, 73) << away.err;
+    EXPECT_EQ(away.code, 69) << away.err;
 }
 
 // A file that ends where the connection did would pass for the whole log.

@@ -29,6 +29,14 @@ class QELNET_EXPORT Authority {
                                            std::string& error, const std::string& passphrase = {});
     ~Authority();
 
+    /// Whether a server certificate can bear this name: a DNS name or an IP address. Otherwise says why not.
+    static bool acceptsHost(const std::string& host, std::string& error);
+    /// Whether a workstation's certificate can bear these names, see issueWorkstation. Otherwise says why
+    /// not.
+    static bool acceptsNames(const std::string& user, const std::string& device, std::string& error);
+    /// Whether that file holds a certificate of this authority. Otherwise says what it is.
+    bool hasIssued(const std::string& certificateFile, std::string& error) const;
+
     /// Issues a server certificate and its key. Each host is a DNS name or an IP address; clients check it.
     bool issueServer(const std::vector<std::string>& hosts, const std::string& certificateFile,
                      const std::string& keyFile, std::string& error, Validity validity = {});
@@ -46,8 +54,8 @@ class QELNET_EXPORT Authority {
     /// Signs such a request; the names are taken from it. Returns the certificate as PEM text.
     std::string signRequest(const std::string& requestPem, std::string& error, Validity validity = {});
 
-    /// Replaces a certificate of this authority by one of the same names and for the same key, so that nobody needs the key
-    /// and whatever was made from the names stays as it is.
+    /// Replaces a certificate of this authority by one of the same names and for the same key, so that nobody
+    /// needs the key and whatever was made from the names stays as it is.
     bool renew(const std::string& certificateFile, std::string& error, Validity validity = {});
 
     /// Adds the certificate to the revocation list in `listFile` (made when missing) and signs it anew.

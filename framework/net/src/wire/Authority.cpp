@@ -132,10 +132,8 @@ bool isHostName(const std::string& host) {
 
 bool hostList(const std::vector<std::string>& hosts, std::string& list, std::string& error) {
     for (const std::string& host : hosts) {
-        if (!isAddress(host) && !isHostName(host)) {
-            error = "\"" + host + "\" is neither a host name nor an IP address";
+        if (!Authority::acceptsHost(host, error))
             return false;
-        }
         list += (list.empty() ? "" : ",") + std::string(isAddress(host) ? "IP:" : "DNS:") + host;
     }
     if (list.empty())
@@ -277,6 +275,22 @@ std::unique_ptr<Authority> Authority::load(const std::string& certificateFile, c
     return authority;
 }
 
+bool Authority::acceptsHost(const std::string& host, std::string& error) {
+    if (isAddress(host) || isHostName(host))
+        return true;
+    error = "\"" + host + "\" is neither a host name nor an IP address";
+    return false;
+}
+
+bool Authority::acceptsNames(const std::string& user, const std::string& device, std::string& error) {
+    return checkName("user's", user, error) && checkName("device's", device, error);
+}
+
+bool Authority::hasIssued(const std::string& certificateFile, std::string& error) const {
+    const Certificate certificate = readCertificate(certificateFile, error);
+    return certificate && inner_->hasIssued(certificate.get(), certificateFile, error);
+}
+
 bool Authority::issueServer(const std::vector<std::string>& hosts, const std::string& certificateFile,
                             const std::string& keyFile, std::string& error, Validity validity) {
     std::string list;
@@ -291,14 +305,13 @@ bool Authority::issueServer(const std::vector<std::string>& hosts, const std::st
 bool Authority::issueWorkstation(const std::string& user, const std::string& device,
                                  const std::string& certificateFile, const std::string& keyFile,
                                  std::string& error, Validity validity) {
-    return checkName("user's", user, error) && checkName("device's", device, error) &&
-           inner_->issueFiles(user, device, {"clientAuth", nullptr}, certificateFile, keyFile, validity,
-                              error);
+    return acceptsNames(user, device, error) && inner_->issueFiles(user, device, {"clientAuth", nullptr},
+                                                                   certificateFile, keyFile, validity, error);
 }
 
 bool Authority::createRequest(const std::string& user, const std::string& device, const std::string& keyFile,
                               std::string& requestPem, std::string& error) {
-    if (!checkName("user's", user, error) || !checkName("device's", device, error))
+    if (!acceptsNames(user, device, error))
         return false;
     const PrivateKey key = makeKey();
     Request request(X509_REQ_new());
@@ -331,7 +344,7 @@ std::string Authority::signRequest(const std::string& requestPem, std::string& e
     X509_set_subject_name(names.get(), X509_REQ_get_subject_name(request.get()));
     const std::string user = subjectEntry(names.get(), NID_commonName);
     const std::string device = subjectEntry(names.get(), NID_organizationalUnitName);
-    if (!checkName("user's", user, error) || !checkName("device's", device, error))
+    if (!acceptsNames(user, device, error))
         return {};
     std::unique_ptr<X509_NAME, Deleter<X509_NAME_free>> subject(X509_NAME_new());
     if (!setName(subject.get(), user, device, error))
