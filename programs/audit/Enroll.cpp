@@ -25,6 +25,9 @@ std::vector<Candidate> readList(const std::string& file, const std::string& out)
     std::set<std::string> seen;
     LineReader lines(file);
     std::string_view line;
+    const auto fault = [&](const std::string& sentence) {
+        return Failure(exitBadData, lines.place() + ": " + sentence);
+    };
     while (lines.next(line)) {
         if (!line.empty() && line.back() == '\r')
             line.remove_suffix(1);
@@ -32,18 +35,17 @@ std::vector<Candidate> readList(const std::string& file, const std::string& out)
             continue;
         const std::size_t separator = line.find(';');
         if (separator == std::string_view::npos || line.find(';', separator + 1) != std::string_view::npos)
-            throw Failure(exitBadData,
-                          lines.place() + ": \"" + std::string(line) + "\", expected user;device");
+            throw fault('"' + std::string(line) + "\", expected user;device");
         const std::string user(line.substr(0, separator));
         const std::string device(line.substr(separator + 1));
         std::string name;
         try {
             name = identityFolder(user, device);
         } catch (const Failure& failure) {
-            throw Failure(exitBadData, lines.place() + ": " + failure.what());
+            throw fault(failure.what());
         }
         if (!seen.insert(name).second)
-            throw Failure(exitBadData, lines.place() + ": " + name + " stands in the list already");
+            throw fault(name + " stands in the list already");
         candidates.push_back({user, device, out + '/' + name});
     }
     return candidates;

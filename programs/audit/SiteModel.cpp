@@ -177,7 +177,7 @@ bool SiteModel::worksOn(int person, int day) const {
     Random week = Random::of(seed_, ofVacation, who, static_cast<std::uint64_t>((firstDay_ + day) / 7));
     if (week.chance(0.11))  // about six weeks of vacation and courses a year
         return false;
-    Random duty = Random::of(seed_, ofDuty, who, static_cast<std::uint64_t>(firstDay_ + day));
+    Random duty = Random::of(seed_, ofDuty, who, dayNumber(day));
     const Role role = people_[static_cast<std::size_t>(person)].role;
     if (isFreeDay(day))
         return duty.chance(role == Role::teleradiologist ? 0.45 : role == Role::referrer ? 0.03 : 0.14);
@@ -207,22 +207,20 @@ std::int64_t SiteModel::timeOn(int day, double secondsOfDay) const {
 }
 
 int SiteModel::studiesOn(int day) const {
-    Random random = Random::of(seed_, ofIntake, static_cast<std::uint64_t>(firstDay_ + day));
+    Random random = Random::of(seed_, ofIntake, dayNumber(day));
     const int usual = std::max(6, static_cast<int>(people_.size()) * 4);
     return std::max(3, static_cast<int>(random.around(isFreeDay(day) ? usual * 0.3 : usual, usual * 0.06)));
 }
 
 int SiteModel::seriesOf(int day, int study) const {
-    Random random = Random::of(seed_, ofSeries, static_cast<std::uint64_t>(firstDay_ + day),
-                               static_cast<std::uint64_t>(study));
+    Random random = Random::of(seed_, ofSeries, dayNumber(day), static_cast<std::uint64_t>(study));
     return random.chance(0.3) ? random.between(1, 2) : random.between(3, 9);
 }
 
 std::string SiteModel::uid(std::uint64_t kind, int day, int study, int series) const {
     // Identifiers below 2.25 need no registered root: what follows is a random number of up to 128 bits.
-    Random random =
-        Random::of(seed_ ^ (kind * 0xA24BAED4963EE407u), static_cast<std::uint64_t>(firstDay_ + day),
-                   static_cast<std::uint64_t>(study), static_cast<std::uint64_t>(series));
+    Random random = Random::of(seed_ ^ (kind * 0xA24BAED4963EE407u), dayNumber(day),
+                               static_cast<std::uint64_t>(study), static_cast<std::uint64_t>(series));
     std::string text = "2.25.";
     text += std::to_string(1 + random.next() % 339999999999999999u);
     std::string tail = std::to_string(random.next());

@@ -63,6 +63,10 @@ class SiteModel {
     int seriesOf(int day, int study) const;
 
   private:
+    /// The day as the seeds of random numbers take it.
+    std::uint64_t dayNumber(int day) const {
+        return static_cast<std::uint64_t>(firstDay_ + std::int64_t{day});
+    }
     std::string uid(std::uint64_t kind, int day, int study, int series) const;
 
     int workstations_;

@@ -26,7 +26,7 @@ constexpr auto longestTurn = std::chrono::seconds(15);
 
 constexpr auto turn = std::chrono::milliseconds(500);
 constexpr long long lookAtFilesEvery = 60 * microsecondsPerSecond;
-constexpr long long warnEvery = 24 * 3600 * microsecondsPerSecond;
+constexpr long long warnEvery = 24LL * 3600 * microsecondsPerSecond;
 
 }  // namespace
 

@@ -182,11 +182,16 @@ class Reader : public ConfigBinder {
             if (inner && isSection)
                 refuseUnknown(*inner, deeper);
             else if (isSection)
-                throw Failure(exitConfiguration, placeOfKey(key) + name + " = " + shown(node) +
-                                                     ": expected a section [" + name + ']');
+                failForSection(key, name, node);
             else if (!known_.count(name))
                 refuse(prefix, key, node);
         }
+    }
+
+    [[noreturn]] void failForSection(const toml::key& key, const std::string& name,
+                                     const toml::node& node) const {
+        throw Failure(exitConfiguration,
+                      placeOfKey(key) + name + " = " + shown(node) + ": expected a section [" + name + ']');
     }
 
     std::string placeOfKey(const toml::key& key) const {

@@ -95,7 +95,7 @@ void DaemonConfig::bind(ConfigBinder& binder) {
     binder.list("auditors", auditors, "Users who may read the logs by remote call");
     binder.section("transfer", "Files on their way to an auditor.");
     binder.path("directory", transferDirectory, "Private folder for them");
-    binder.integer("keep_minutes", keepMinutes, 1, 7 * 24 * 60,
+    binder.integer("keep_minutes", keepMinutes, 1, 7L * 24 * 60,
                    "How long a file may wait for its transfer, in minutes");
     binder.section("limits", "What one peer may cost.");
     binder.integer("connections", connections, 1, mostConnections, "Connections at a time");

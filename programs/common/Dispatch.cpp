@@ -29,6 +29,7 @@ int runGuarded(const Command& command, CommandLine& line) {
 
 int unknownCommand(const CommandLine& line, const std::vector<Command>& commands, const std::string& name) {
     std::vector<std::string> names;
+    names.reserve(commands.size());
     for (const Command& command : commands)
         names.emplace_back(command.name);
     const std::string nearest = nearestOf(name, names);

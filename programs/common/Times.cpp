@@ -91,7 +91,7 @@ bool parseClock(Scanner& scan, int year, int month, int day, std::int64_t& time)
     if (!scan.atEnd())
         return false;
     time = GregorianDate(year, month, day, hour, minute, second, microsecond).asUTCDateTime() -
-           offsetMinutes * 60 * microsecondsPerSecond;
+           offsetMinutes * 60LL * microsecondsPerSecond;
     return true;
 }
 

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 
@@ -84,28 +86,51 @@ class Probe {
     /// Why the service of that name opens no session for events; empty when it does.
     std::string sessionFault(const std::string& service) {
         AuditSequence nothing;
-        AuditClient client(peer_.get(), service.c_str());
-        AuditClient::AuditQuery query(&client, nothing);
+        std::unique_ptr<AuditClient> client;
+        std::unique_ptr<AuditClient::AuditQuery> query;
         std::string reason;
-        query.setClosedHandler([&](const std::string& why) {
-            const std::lock_guard lock(mutex_);
-            reason = why.empty() ? "closed" : why;
-            changed_.notify_all();
+        onPeer([&] {
+            client = std::make_unique<AuditClient>(peer_.get(), service.c_str());
+            query = std::make_unique<AuditClient::AuditQuery>(client.get(), nothing);
+            query->setClosedHandler([&](const std::string& why) {
+                const std::lock_guard lock(mutex_);
+                reason = why.empty() ? "closed" : why;
+                changed_.notify_all();
+            });
         });
         const auto end = std::chrono::steady_clock::now() + patience;
-        std::unique_lock lock(mutex_);
-        while (reason.empty() && !query.isOpen()) {
-            // The opening itself may have been before anybody could be told of it.
-            changed_.wait_for(lock, turn);
-            if (reason.empty() && (query.isClosed() || std::chrono::steady_clock::now() > end))
-                reason = "it did not answer";
+        bool open = false;
+        bool closed = false;
+        while (!open && !closed && std::chrono::steady_clock::now() < end) {
+            onPeer([&] {
+                open = query->isOpen();
+                closed = query->isClosed();
+            });
+            // The closing may have been before anybody could be told of it.
+            std::unique_lock lock(mutex_);
+            if (!open && changed_.wait_for(lock, turn, [&] { return !reason.empty(); }))
+                closed = true;
         }
-        return reason;
+        onPeer([&] {
+            query.reset();
+            client.reset();
+        });
+        return reason.empty() && !open ? "it did not answer" : reason;
     }
 
     Peer* peer() { return peer_.get(); }
 
   private:
+    /// Does something where the peer's callbacks run, and returns when it is done.
+    void onPeer(const std::function<void()>& action) {
+        std::promise<void> done;
+        peer_->getNetworkPeer()->post([&] {
+            action();
+            done.set_value();
+        });
+        done.get_future().wait();
+    }
+
     void settle(bool connected, const std::string& reason) {
         const std::lock_guard lock(mutex_);
         settled_ = true;

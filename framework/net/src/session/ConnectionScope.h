@@ -18,7 +18,8 @@ class Connection::Scope {
         batch_.emplace(connection_.store());
     }
 
-    ~Scope() {
+    // A callback or a commit that throws ends the process: nobody is left to whom it could be told.
+    ~Scope() {  // NOLINT(bugprone-exception-escape)
         if (!outermost_)
             return;
         connection_.scope_ = nullptr;
