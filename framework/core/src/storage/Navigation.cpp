@@ -23,14 +23,30 @@ class SeekKey {
     std::size_t size_;
 };
 
-// Out of line: its room on the stack would cost every step, and few steps need it.
+// To the first key that does not begin with this one. Out of line: its room on the stack would cost every step, and few
+// steps need it.
 [[gnu::noinline]] bool seekPastDescendants(StoreReader& reader, Bytes key) {
-    return reader.atLeast(SeekKey(key, codec::aboveAll).bytes());
+    while (!key.empty() && static_cast<unsigned char>(key.back()) == codec::aboveAll)
+        key.remove_suffix(1);
+    if (key.empty())
+        return false;
+    const auto last = static_cast<unsigned char>(static_cast<unsigned char>(key.back()) + 1);
+    return reader.atLeast(SeekKey(key.substr(0, key.size() - 1), last).bytes());
 }
 
 bool isBelow(Bytes key, Bytes parent, std::size_t parentSize) {
     return key.size() > parentSize && codec::areEqual(key.data(), parent.data(), parentSize) &&
            static_cast<unsigned char>(key[parentSize]) >= codec::firstCode;
+}
+
+// Whether a key lies below another one, whose last element begins behind the parent. In a damaged store, bytes that are no
+// element may follow a whole one: the walk passes over them too, or it would meet the same key for ever.
+bool isDescendant(Bytes found, Bytes key, std::size_t parent) {
+    if (found.size() <= key.size() || !codec::areEqual(found.data(), key.data(), key.size()))
+        return false;
+    const auto* const at = reinterpret_cast<const unsigned char*>(found.data());
+    return at[key.size()] >= codec::firstCode ||
+           codec::elementEnd(at + parent, at + found.size()) == at + key.size();
 }
 
 }  // namespace
@@ -59,7 +75,7 @@ bool ItemNavigation::next(StoreReader& reader, Item& position) {
     const std::size_t parent = position.lastElement();
     bool found = reader.behind(key);
     // Descendants lie between a key and its sibling.
-    if (found && isBelow(reader.key(), key, key.size()))
+    if (found && isDescendant(reader.key(), key, parent))
         found = seekPastDescendants(reader, key);
     return found && isBelow(reader.key(), key, parent) && moveTo(position, reader.key(), parent);
 }
