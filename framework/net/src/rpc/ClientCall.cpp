@@ -216,10 +216,13 @@ void ClientCall::resultEnds(Packet& packet) {
 void ClientCall::errorReceived(Packet& packet) {
     const long long code = packet.singleGet<long long>("code");
     const bool known = code > 0 && code <= static_cast<int>(RpcError::failed);
-    const std::string sentence = textOf(packet);
-    if (code == static_cast<int>(RpcError::notAnswered))
-        return end(RpcError::notAnswered, "the server did not answer this call: " + sentence);
-    end(known ? static_cast<RpcError>(code) : RpcError::failed, sentence);
+    const RpcError error = known ? static_cast<RpcError>(code) : RpcError::failed;
+    std::string sentence = textOf(packet);
+    if (sentence.empty())
+        sentence = std::string("the server gave no reason but this: ") + describe(error);
+    if (error == RpcError::notAnswered)
+        sentence.insert(0, "the server did not answer this call: ");
+    end(error, sentence);
 }
 
 }  // namespace qel::rpc
