@@ -32,8 +32,9 @@ struct ReportOptions {
     bool strict = false;
 
     void declare(CommandLine& line) {
-        line.requiredText("--interaction", "FILE", interaction, "exported interaction log");
-        line.requiredText("--audit", "FILE", audit, "exported audit log");
+        line.requiredText("--interaction", "FILE", interaction,
+                          "exported interaction log: a file, or a pipe with at most 1 GiB");
+        line.requiredText("--audit", "FILE", audit, "exported audit log, likewise");
         line.requiredText("--out", "DIR", out, "folder for the page and its three files, made when missing");
         line.time("--from", from, "begin of the period written on the page", "the first dated line");
         line.time("--to", to, "end of that period; nothing is left out by either", "the last dated line");

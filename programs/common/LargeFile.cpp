@@ -19,6 +19,16 @@ namespace {
 /// A piece that fits into the processor's cache.
 constexpr std::size_t pieceSize = 256UL * 1024;
 
+/// What a pipe or a device may give: ten years of a large house. One that never ends must not take all memory.
+constexpr std::size_t largestStream = std::size_t{1} << 30;
+
+/// A file that cannot fit is refused before anything of it is read, also where memory is promised without being there.
+bool fitsIntoMemory(const struct stat& status) {
+    const long pages = ::sysconf(_SC_PHYS_PAGES);
+    const long pageBytes = ::sysconf(_SC_PAGESIZE);
+    return pages <= 0 || pageBytes <= 0 || status.st_size / pageBytes < pages;
+}
+
 /// Closes a descriptor at the end.
 class OpenFile {
   public:
@@ -57,7 +67,10 @@ String readLargeFile(const std::string& file, const std::function<void(std::stri
         throw systemFailure(exitInputMissing, file, EISDIR);
     try {
         std::string text;
-        if (S_ISREG(status.st_mode))
+        const bool isFile = S_ISREG(status.st_mode);
+        if (isFile && !fitsIntoMemory(status))
+            throw std::bad_alloc();
+        if (isFile)
             text.reserve(static_cast<std::size_t>(status.st_size));
         wantLargePages(text);
         std::vector<char> piece(pieceSize);
@@ -68,6 +81,9 @@ String readLargeFile(const std::string& file, const std::function<void(std::stri
                 continue;
             look(std::string_view(piece.data(), static_cast<std::size_t>(count)));
             text.append(piece.data(), static_cast<std::size_t>(count));
+            if (!isFile && text.size() > largestStream)
+                throw Failure(exitBadData, file + ": is no file, and gives more than " +
+                                               std::to_string(largestStream >> 20) + " MiB");
         }
         return String(std::move(text));
     } catch (const std::bad_alloc&) {

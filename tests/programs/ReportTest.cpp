@@ -116,6 +116,33 @@ TEST_F(ReportCommand, AFolderIs66WithTheReason) {
     EXPECT_TRUE(holds(result.err, "Is a directory"));
 }
 
+TEST_F(ReportCommand, ADeviceThatNeverEndsIs65) {
+    interaction_ = "/dev/zero";
+    const ProgramResult result = report("usage");
+    EXPECT_EQ(result.code, 65);
+    EXPECT_TRUE(holds(result.err, "/dev/zero: is no file, and gives more than 1024 MiB")) << result.err;
+    EXPECT_FALSE(std::filesystem::exists(out() + "/usage_report.html"));
+    interaction("");
+    const ProgramResult groups = report("usage", {"--groups", "/dev/zero"});
+    EXPECT_EQ(groups.code, 65);
+    EXPECT_TRUE(holds(groups.err, "/dev/zero: is larger than 64 MiB")) << groups.err;
+}
+
+TEST_F(ReportCommand, AFileLargerThanTheMemoryIs66BeforeItIsRead) {
+    std::filesystem::resize_file(audit_, std::uintmax_t{8} << 40);
+    const ProgramResult result = report("teleradiology");
+    EXPECT_EQ(result.code, 66);
+    EXPECT_TRUE(holds(result.err, "holds 8796093022208 bytes, more than there is memory for")) << result.err;
+}
+
+TEST_F(ReportCommand, ALogMayComeFromAPipe) {
+    const ProgramResult result = test::run({"/bin/bash", "-c",
+                                            "exec " + program + " report usage --interaction <(cat " +
+                                                interaction_ + ") --audit " + audit_ + " --out " + out()});
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_TRUE(pageHolds("<h2>Series viewed per month</h2>"));
+}
+
 TEST_F(ReportCommand, AnUnreadableFileIs66WithTheReason) {
     // A symbolic link to itself cannot be opened by anybody, root included.
     std::filesystem::create_symlink("loop", folder_ / "loop");
