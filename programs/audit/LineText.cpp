@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "common/Failure.h"
 #include "common/Json.h"
 #include "common/Times.h"
 #include "qelCore/Item.h"
@@ -36,6 +37,20 @@ void addNamed(std::string& text, const char* name, Item::Iterator& elements, std
 }
 
 }  // namespace
+
+std::uint64_t forEachLine(const Item& answer, const std::function<void(ConstByteSpan line)>& use) {
+    ConstByteSpan lines;
+    Item::Iterator elements(answer);
+    if (!elements.decodeElementAsItem(lines))
+        throw Failure(exitBadData, "the service's answer holds no lines");
+    std::uint64_t count = 0;
+    Item::Iterator each(lines);
+    for (ConstByteSpan line; each.decodeElementAsItem(line); ++count)
+        use(line);
+    if (!each.atEnd())
+        throw Failure(exitBadData, "the service's answer holds something else than lines");
+    return count;
+}
 
 void appendJsonLine(std::string& text, ConstByteSpan line) {
     Item::Iterator elements(line);

@@ -24,16 +24,7 @@ class LinePrinter {
 
     /// The lines of one answer; returns how many.
     std::uint64_t print(const Item& result) {
-        std::uint64_t count = 0;
-        ConstByteSpan lines;
-        Item::Iterator elements(result);
-        if (!elements.decodeElementAsItem(lines))
-            throw Failure(exitBadData, "the service's answer holds no lines");
-        Item::Iterator each(lines);
-        for (ConstByteSpan line; each.decodeElementAsItem(line); ++count)
-            add(line);
-        if (!each.atEnd())
-            throw Failure(exitBadData, "the service's answer holds something else than lines");
+        const std::uint64_t count = forEachLine(result, [this](ConstByteSpan line) { add(line); });
         flush();
         return count;
     }

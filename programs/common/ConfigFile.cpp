@@ -287,8 +287,7 @@ class Printer : public ConfigBinder {
 };
 
 template <class Config>
-void readInto(const std::string& file, Config& config) {
-    const std::string text = readTextFile(file);
+void parseInto(const std::string& text, const std::string& file, Config& config) {
     try {
         const toml::table root = toml::parse(text, file);
         Reader reader(file, root);
@@ -298,6 +297,11 @@ void readInto(const std::string& file, Config& config) {
         throw Failure(exitConfiguration, file + ':' + std::to_string(error.source().begin.line) + ": " +
                                              std::string(error.description()));
     }
+}
+
+template <class Config>
+void readInto(const std::string& file, Config& config) {
+    parseInto(readTextFile(file), file, config);
     config.folder = std::filesystem::absolute(file).parent_path().string();
 }
 
@@ -330,6 +334,14 @@ void readConfig(const std::string& file, DaemonConfig& config) {
 
 void readConfig(const std::string& file, WorkstationConfig& config) {
     readInto(file, config);
+}
+
+void parseConfig(const std::string& text, const std::string& file, DaemonConfig& config) {
+    parseInto(text, file, config);
+}
+
+void parseConfig(const std::string& text, const std::string& file, WorkstationConfig& config) {
+    parseInto(text, file, config);
 }
 
 std::string printConfig(DaemonConfig config, bool explained) {

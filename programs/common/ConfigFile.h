@@ -12,6 +12,10 @@ namespace qel::programs {
 void readConfig(const std::string& file, DaemonConfig& config);
 void readConfig(const std::string& file, WorkstationConfig& config);
 
+/// The same for a text in memory, which sentences call `file`; the folder stays as it was.
+void parseConfig(const std::string& text, const std::string& file, DaemonConfig& config);
+void parseConfig(const std::string& text, const std::string& file, WorkstationConfig& config);
+
 /// The whole configuration as text that reads back to the same values: one key per line, and with `explained`
 /// a comment above each. The samples under packaging/ are this text for the defaults.
 std::string printConfig(DaemonConfig config, bool explained);

@@ -20,7 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     {
         MemoryTransport transport({&service});
         Client client(transport.getPeer(), "echo");
-        test::EchoQuery query(&client);
+        // cppcheck-suppress unreadVariable ; it is there to receive
+        const test::EchoQuery query(&client);
         transport.deliver();
         if (data[0] % 2 == 0)
             transport.injectToService(bytes);

@@ -7,6 +7,7 @@
 
 #include "fuzz/Check.h"
 #include "qelCore/String.h"
+#include "qelCore/logging/Log.h"
 
 using namespace qel;
 
@@ -46,6 +47,7 @@ void walkAsText(const Item& item) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    logging::setSink(nullptr);
     Item item;
     item.setPlain(data, size);
     item.asString();
