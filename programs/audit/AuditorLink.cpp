@@ -51,6 +51,7 @@ void AuditorLink::waitUntilConnected() {
     std::unique_lock lock(mutex_);
     while (!connected_) {
         changed_.wait_for(lock, turn);
+        // cppcheck-suppress knownConditionTrueFalse ; another thread sets it while this one waits
         if (connected_)
             return;
         if (failedTries_ >= tries || std::chrono::steady_clock::now() > end)

@@ -28,6 +28,7 @@ void requireFolder(const std::string& path, bool readOnly) {
 }
 
 std::string systemUser() {
+    // cppcheck-suppress getpwuidCalled ; commands ask once, in the thread they began with
     const passwd* entry = ::getpwuid(::geteuid());
     return entry && entry->pw_name ? entry->pw_name : std::to_string(::geteuid());
 }

@@ -106,8 +106,8 @@ bool parse(const std::string& text, TimeSpan& span) {
     }
     if (!scan.take('-'))
         return false;
-    int quarter = 0;
     if (scan.take('Q')) {
+        int quarter = 0;
         if (!scan.digits(1, quarter) || !scan.atEnd() || quarter < 1 || quarter > 4)
             return false;
         span = localSpan({year, quarter * 3 - 2, 1}, {year, quarter * 3 + 1, 1});

@@ -28,6 +28,7 @@ void AccessCharts::count(std::uint32_t name, const Day& day, std::string_view st
 
 void AccessCharts::enqueue(std::uint32_t name, const Day& day, std::uint32_t visit,
                            std::string_view identifier, Kind kind) {
+    // cppcheck-suppress unreadVariable ; it is handed on below
     const std::uint32_t hash = TextNumbers::hashOf(identifier);
     identifiers_.callSlot(hash);
     pending_.push_back({name, visit, day, identifier, kind, hash, 0, false, false});

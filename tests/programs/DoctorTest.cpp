@@ -219,7 +219,6 @@ TEST_F(DoctorTest, FoldersAndFiguresThatOthersCanSee) {
     expectFault(doctor(daemonConfig()), "transfer: others may look into it",
                 "make it a folder of the daemon's user");
     ::chmod((site() + "/transfer").c_str(), 0700);
-    const std::string text = readTextFile(daemonConfig());
     edit(daemonConfig(), "listen = \"\"", "listen = \"0.0.0.0:9100\"");
     expectFault(doctor(daemonConfig()), "shows the figures to the network", "listen on 127.0.0.1");
 }

@@ -97,6 +97,7 @@ void PostgresServer::run(const std::vector<std::string>& arguments) const {
 void PostgresServer::own(const std::string& path) const {
     if (!isRoot())
         return;
+    // cppcheck-suppress getpwnamCalled ; tests have one thread here
     const passwd* const user = ::getpwnam(systemUser);
     if (user == nullptr || ::chown(path.c_str(), user->pw_uid, user->pw_gid) != 0)
         throw std::runtime_error("cannot give " + path + " to " + systemUser);

@@ -119,10 +119,11 @@ int freePort() {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
-    if (bind(descriptor, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-        throw std::runtime_error("no free port on the loopback address");
+    const bool found = bind(descriptor, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
+                       getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0;
     close(descriptor);
+    if (!found)
+        throw std::runtime_error("no free port on the loopback address");
     return ntohs(address.sin_port);
 }
 

@@ -1,4 +1,6 @@
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include "support/OwnMemory.h"
 #include "system/AuditorFixture.h"
@@ -26,7 +28,7 @@ TEST_F(DownloadMemoryTest, ALargeDownloadCostsLittleMemoryAtEitherEnd) {
     while (client->isRunning()) {
         daemonMost = std::max(daemonMost, ownMemory(site.daemon().pid()));
         clientMost = std::max(clientMost, ownMemory(client->pid()));
-        usleep(2000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     ASSERT_EQ(client->wait(std::chrono::seconds(10)), 0) << client->err();
     const auto bytes = std::filesystem::file_size(into() + "/constancy_export.csv");

@@ -36,6 +36,7 @@ class ForwardingFixture : public ::testing::Test {
     /// Records events that carry the next `count` numbers of that workstation.
     void record(const Workstation& workstation, int count) {
         const std::string file = workstation.folder + "/events.jsonl";
+        // cppcheck-suppress variableScope ; looked up once
         int& number = recorded_[workstation.folder];
         {
             std::ofstream out(file, std::ios::trunc);

@@ -132,6 +132,7 @@ TEST_F(PacketTest, OtherTypeDoesNotFit) {
 TEST_F(PacketTest, SameTypeWithOtherElementsIsAValueThatDoesNotFit) {
     struct OtherAck : PacketScheme {
         OtherAck() : PacketScheme(1302, "TestProtocol", "TestSession", "Other") {
+            // cppcheck-suppress unusedScopedObject ; this Item is an operation of the scheme
             Item("event", -1);
             NextVersion();
         }

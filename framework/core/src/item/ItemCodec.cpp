@@ -54,9 +54,10 @@ const Byte* checkElement(const Byte* at, const Byte* end, int depthLeft) {
     const Byte* const after = elementEnd(at, end);
     if (after == nullptr)
         return nullptr;
-    long long ignored;
-    if (isInteger(code))
+    if (isInteger(code)) {
+        long long ignored;
         return decodeInteger(at, after, ignored) ? after : nullptr;
+    }
     if (code == text || code == bytes)
         return isEscapedWell(at + 1, after - 1) ? after : nullptr;
     return after;

@@ -25,7 +25,8 @@ OutgoingFiles::~OutgoingFiles() {
 }
 
 bool OutgoingFiles::add(const std::string& target, const std::string& path, std::string& error) {
-    File file;
+    // In the list at once, which closes it whatever comes.
+    File& file = files_.emplace_back();
     file.target = target;
     file.handle = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     struct stat info {};
@@ -34,7 +35,6 @@ bool OutgoingFiles::add(const std::string& target, const std::string& path, std:
         return false;
     }
     file.size = static_cast<std::uint64_t>(info.st_size);
-    files_.push_back(file);
     if (!S_ISREG(info.st_mode)) {
         error = "the server's file for " + target + " is no plain file";
         return false;

@@ -38,6 +38,7 @@ void WorkerPool::submitAlways(Task task) {
 }
 
 void WorkerPool::stop(bool finish) {
+    // cppcheck-suppress variableScope ; the tasks end outside of the lock
     std::deque<Task> dropped;
     {
         const std::lock_guard lock(mutex_);

@@ -78,10 +78,10 @@ Listening Listener::open(const std::string& address) {
         return result;
     asio::error_code error;
     acceptor_.open(endpoint.protocol(), error);
-    if (!error)
+    if (!error) {
         closeOnExec(acceptor_.native_handle());
-    if (!error)
         acceptor_.set_option(tcp::acceptor::reuse_address(true), error);
+    }
     if (!error)
         acceptor_.bind(endpoint, error);
     if (!error)
