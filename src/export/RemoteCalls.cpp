@@ -110,6 +110,7 @@ bool finishDownload(const RpcContext& context) {
         return true;
     if (code == 0)
         context.getResult().addBool(true);
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): the context lets go of its name when it ends.
     const String name = context.getName();
     context.finish();
     logging::MessageStream(1, 2) << "[RPC:" << name << "] Download of audit report finished, code=" << code

@@ -20,6 +20,8 @@ AuditService::AuditService(const Item& path, const char* name, bool anonymous)
 AuditService::AuditService(const AuditService& other) = default;
 
 // The statistics stay with both: sessions of the older object may still count there.
+// Only the base's part of `other` is moved before its members are.
+// NOLINTBEGIN(bugprone-use-after-move,performance-move-constructor-init)
 AuditService::AuditService(AuditService&& other) noexcept
     : Service(std::move(other)),
       path_(std::move(other.path_)),
@@ -39,6 +41,7 @@ AuditService& AuditService::operator=(AuditService&& other) noexcept {
     statistics_ = other.statistics_;
     return *this;
 }
+// NOLINTEND(bugprone-use-after-move,performance-move-constructor-init)
 
 AuditService::~AuditService() = default;
 
