@@ -26,12 +26,14 @@ void addQueues(MetricsText& text, Workstation& workstation) {
                                                   secondsPerMicrosecond,
                    {{"log", names[i]}});
     for (const char* name : names)
-        text.gauge("qel_queue_parked", "Events too large for the service, kept aside",
-                   asDouble(AuditAside::count(AsideReason::parked, workstation.sequence(name).getPath())),
-                   {{"log", name}});
+        text.gauge(
+            "qel_queue_parked", "Events too large for the service, kept aside",
+            static_cast<double>(AuditAside::count(AsideReason::parked, workstation.sequence(name).getPath())),
+            {{"log", name}});
     for (const char* name : names)
         text.gauge("qel_queue_damaged", "Entries that could not be read, kept aside",
-                   asDouble(AuditAside::count(AsideReason::damaged, workstation.sequence(name).getPath())),
+                   static_cast<double>(
+                       AuditAside::count(AsideReason::damaged, workstation.sequence(name).getPath())),
                    {{"log", name}});
 }
 

@@ -46,7 +46,9 @@ std::vector<Candidate> readList(const std::string& file, const std::string& out)
         }
         if (!seen.insert(name).second)
             throw fault(name + " stands in the list already");
-        candidates.push_back({user, device, out + '/' + name});
+        std::string folder = out;
+        folder.append(1, '/').append(name);
+        candidates.push_back({user, device, folder});
     }
     return candidates;
 }
