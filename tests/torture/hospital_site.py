@@ -9,13 +9,15 @@ import subprocess
 import mmap
 import time
 
+from recorder import FAKETIME
 
-def wait_for(what, condition, seconds=60.0):
+
+def wait_for(what, condition, seconds=60.0, pause=0.05):
     end = time.monotonic() + seconds
     while not condition():
         if time.monotonic() > end:
             raise TimeoutError(f"waited {seconds:.0f} s for {what}")
-        time.sleep(0.05)
+        time.sleep(pause)
 
 
 class FaultIo:
@@ -44,26 +46,27 @@ class Disk:
 
     def __init__(self, folder, megabytes):
         self.folder = folder
+        self.megabytes = megabytes
         os.makedirs(folder)
         run = subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={megabytes}m,mode=0755", "none", folder],
                              capture_output=True, check=False)
         self.mounted = run.returncode == 0
-        self.filler = os.path.join(folder, "filler")
+
+    def resize(self, kilobytes):
+        return subprocess.run(["mount", "-o", f"remount,size={kilobytes}k", self.folder], capture_output=True,
+                              check=False).returncode == 0
 
     def fill(self):
-        if not self.mounted:
-            return False
-        with open(self.filler, "wb", buffering=0) as file:
-            try:
-                free = os.statvfs(self.folder).f_bavail * os.statvfs(self.folder).f_frsize
-                os.posix_fallocate(file.fileno(), 0, max(free, 1))
-            except OSError:
-                pass
-        return True
+        """Makes it as small as what it holds; False when it grew faster than that."""
+        for _ in range(10):
+            status = os.statvfs(self.folder)
+            if self.mounted and self.resize((status.f_blocks - status.f_bfree) * status.f_frsize // 1024):
+                return True
+        return False
 
     def free(self):
-        if os.path.exists(self.filler):
-            os.remove(self.filler)
+        if self.mounted and not self.resize(self.megabytes * 1024):
+            raise OSError(f"{self.folder} does not get its size back")
 
     def unmount(self):
         if self.mounted:
@@ -88,6 +91,8 @@ class Site:
         self.auditor = ("auditor", "desk")
         self.daemon = None
         self.daemon_port = None
+        self.proxy = None
+        self.unexpected = []  # ends that nobody caused
         self.daemon_log = os.path.join(work, "daemon.log")
         self.agents = [None] * stations
 
@@ -122,40 +127,55 @@ class Site:
         shutil.copystat(path, path + ".new")
         os.replace(path + ".new", path)
 
+    def store_url(self):
+        return "lmdb:" + os.path.join(self.folder, "store")
+
     def point_at(self, port):
         for identity in [*self.identities, self.auditor]:
             self.edit(self.station_config(identity), "address", f'"localhost:{port}"')
 
-    def environment(self):
-        return {**os.environ, "LD_PRELOAD": self.faultio, "QEL_FAULTIO": self.io.path}
+    def environment(self, clock_step=None):
+        environment = {**os.environ, "LD_PRELOAD": self.faultio, "QEL_FAULTIO": self.io.path}
+        if clock_step is not None:
+            environment |= {"LD_PRELOAD": f"{self.faultio}:{FAKETIME}", "FAKETIME": clock_step,
+                            "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+        return environment
+
+    def ended(self, name, process):
+        """Takes note of a process that ended by itself. With failing disks it may, with an exit code that says so."""
+        if process.returncode not in (69, 73, 74, 75):
+            self.unexpected.append(f"{name} ended with {process.returncode}")
 
     # ----- the daemon
 
-    def start_daemon(self):
+    def start_daemon(self, clock_step=None):
         begin = os.path.getsize(self.daemon_log) if os.path.exists(self.daemon_log) else 0
         with open(self.daemon_log, "ab") as log:
             self.daemon = subprocess.Popen([self.auditd, "--config", self.config], stdout=log, stderr=log,
-                                           stdin=subprocess.DEVNULL, env=self.environment())
+                                           stdin=subprocess.DEVNULL, env=self.environment(clock_step))
 
         def listening():
             if self.daemon.poll() is not None:
+                self.ended("the daemon", self.daemon)
                 raise ChildProcessError(f"the daemon ended with {self.daemon.returncode}")
             with open(self.daemon_log, "rb") as log:
                 log.seek(begin)
-                match = re.search(rb"listening on \S*:(\d+)", log.read())
+                match = re.search(rb"listening on \S*:(\d+)\n", log.read())
             if match:
                 self.daemon_port = int(match.group(1))
             return match
 
-        wait_for("the daemon to listen", listening)
+        wait_for("the daemon to listen", listening, pause=0.01)
+        if self.proxy is not None:
+            self.proxy.tell(f"target {self.daemon_port}")
 
-    def ensure_daemon(self):
+    def ensure_daemon(self, clock_step=None):
         """Starts the daemon if it does not run; a start that fails because a fault is still on is tried again."""
+        if self.daemon is not None and self.daemon.poll() is None:
+            return
         for _ in range(200):
-            if self.daemon is not None and self.daemon.poll() is None:
-                return
             try:
-                self.start_daemon()
+                self.start_daemon(clock_step)
                 return
             except ChildProcessError:
                 time.sleep(0.2)
@@ -169,16 +189,31 @@ class Site:
 
     # ----- the agents
 
-    def start_agent(self, index):
+    def start_agent(self, index, clock_step=None):
         with open(os.path.join(self.work, f"agent{index}.log"), "ab") as log:
             self.agents[index] = subprocess.Popen(
                 [self.audit, "forward", "--config", self.station_config(self.identities[index])],
-                stdout=log, stderr=log, stdin=subprocess.DEVNULL, env=self.environment())
+                stdout=log, stderr=log, stdin=subprocess.DEVNULL, env=self.environment(clock_step))
+
+    def end_agent(self, index, sig):
+        agent = self.agents[index]
+        if agent is not None and agent.poll() is None:
+            agent.send_signal(signal.SIGCONT)
+            agent.send_signal(sig)
+            agent.wait(60)
 
     def ensure_agents(self):
         for index, agent in enumerate(self.agents):
-            if agent is None or agent.poll() is not None:
-                self.start_agent(index)
+            if agent is not None and agent.poll() is None:
+                continue
+            if agent is not None:
+                self.ended(f"agent {index}", agent)
+            self.start_agent(index)
+
+    def end_agents(self):
+        for index in range(len(self.agents)):
+            self.end_agent(index, signal.SIGKILL)
+            self.agents[index] = None
 
     def stop_everything(self):
         for process in [*self.agents, self.daemon]:
@@ -189,5 +224,7 @@ class Site:
 
     def close(self):
         self.stop_everything()
+        if self.proxy is not None:
+            self.proxy.stop()
         self.central_disk.unmount()
         self.queue_disk.unmount()

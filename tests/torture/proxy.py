@@ -1,29 +1,58 @@
-"""A TCP proxy between agents and daemon that cuts, delays and blocks connections on demand. One thread of its own."""
+"""A TCP proxy between agents and daemon that cuts, delays and blocks connections on demand; a process of its own.
+
+    proxy.py HOST PORT
+
+prints the port it listens on and then obeys lines of its standard input: "target PORT", "delay SECONDS", "block 0|1", "cut".
+"""
 
 import asyncio
 import contextlib
-import threading
+import subprocess
+import sys
 
 
 class Proxy:
-    def __init__(self, target):
-        self.target = target  # (host, port), may change between connections
+    """The harness's end."""
+
+    def __init__(self, port):
+        self.process = subprocess.Popen([sys.executable, __file__, "127.0.0.1", str(port)], stdin=subprocess.PIPE,
+                                        stdout=subprocess.PIPE, text=True)
+        self.port = int(self.process.stdout.readline())
+
+    def tell(self, command):
+        self.process.stdin.write(command + "\n")
+        self.process.stdin.flush()
+
+    def stop(self):
+        self.process.stdin.close()
+        self.process.wait(10)
+
+
+class Relay:
+    def __init__(self, host, port):
+        self.target = (host, port)
         self.delay = 0.0
         self.blocked = False
         self.writers = set()
-        self.loop = asyncio.new_event_loop()
-        self.port = None
-        ready = threading.Event()
-        self.thread = threading.Thread(target=self.run, args=(ready,), daemon=True)
-        self.thread.start()
-        ready.wait()
 
-    def run(self, ready):
-        asyncio.set_event_loop(self.loop)
-        server = self.loop.run_until_complete(asyncio.start_server(self.serve, "127.0.0.1", 0))
-        self.port = server.sockets[0].getsockname()[1]
-        ready.set()
-        self.loop.run_forever()
+    async def run(self):
+        server = await asyncio.start_server(self.serve, "127.0.0.1", 0)
+        print(server.sockets[0].getsockname()[1], flush=True)
+        commands = asyncio.StreamReader()
+        await asyncio.get_running_loop().connect_read_pipe(lambda: asyncio.StreamReaderProtocol(commands), sys.stdin)
+        while command := (await commands.readline()).decode().split():
+            self.obey(*command)
+
+    def obey(self, what, value=""):
+        if what == "target":
+            self.target = (self.target[0], int(value))
+        elif what == "delay":
+            self.delay = float(value)
+        elif what == "block":
+            self.blocked = value == "1"
+        elif what == "cut":  # resets every connection, wherever in a frame it is
+            for writer in list(self.writers):
+                writer.transport.abort()
 
     async def serve(self, reader, writer):
         try:
@@ -52,16 +81,6 @@ class Proxy:
         with contextlib.suppress(OSError):
             writer.close()
 
-    def cut(self):
-        """Resets every connection, wherever in a frame it is."""
 
-        def abort():
-            for writer in list(self.writers):
-                writer.transport.abort()
-
-        self.loop.call_soon_threadsafe(abort)
-
-    def stop(self):
-        self.cut()
-        self.loop.call_soon_threadsafe(self.loop.stop)
-        self.thread.join(5)
+if __name__ == "__main__":
+    asyncio.run(Relay(sys.argv[1], int(sys.argv[2])).run())

@@ -87,6 +87,15 @@ TEST_P(Navigation, PathThatBeginsLikeAnotherDoesNotLeakIntoIt) {
     EXPECT_EQ(children(Item()), "[\"a\"] [\"a\\x00\"] [\"ab\"] ");
 }
 
+TEST_P(Navigation, PathWithoutChildrenDoesNotReachThoseOfTheNext) {
+    write(key(path("left"), 1), "v");
+    write(key(path("right"), 2), "v");
+    Item at = path("untouched");
+    EXPECT_FALSE(path("log").child(at));
+    EXPECT_FALSE(path("lef").child(at));
+    EXPECT_EQ(at, path("untouched"));
+}
+
 TEST_P(Navigation, SiblingsSkipDescendants) {
     const Item log = path("log");
     write(key(log, 1), "one");
