@@ -5,6 +5,7 @@
 #include <string>
 #include <system_error>
 
+#include "export/CsvFile.h"
 #include "export/CsvLine.h"
 #include "export/LogRange.h"
 #include "qelCore/ItemStore.h"
@@ -22,16 +23,20 @@ void put(std::filebuf& out, std::string_view line) {
 }
 
 /// What ends in the middle of a log must not pass for the whole.
-void discard(const char* path, const std::string& reason) {
-    logging::MessageStream(3, 2) << "The export to " << path << " was given up: " << reason;
+void discard(int level, const char* path, const std::string& reason) {
+    logging::MessageStream(level, 2) << "The export to " << path << " was given up: " << reason;
     std::error_code error;
     if (std::filesystem::is_regular_file(std::filesystem::symlink_status(path, error)))
         std::filesystem::remove(path, error);
 }
 
+/// Lines between two looks whether anybody still waits for the file: some milliseconds.
+constexpr unsigned linesBetweenLooks = 4096;
+
 }  // namespace
 
-void AuditExport::exportCSV(const char* path, const Item& log, long long startTime, long long endTime) {
+void writeCsvFile(const char* path, const Item& log, long long startTime, long long endTime,
+                  const std::function<bool()>& isWanted) {
     logging::MessageStream(1, 2) << "Starting export to " << path;
     std::ofstream out(path, std::ios_base::out | std::ios_base::trunc);
     std::filebuf& file = *out.rdbuf();
@@ -39,16 +44,24 @@ void AuditExport::exportCSV(const char* path, const Item& log, long long startTi
     const SteadyRead moment;
     LogRange range = LogRange::including(log, startTime, endTime);
     CsvLine line;
-    while (range.next()) {
+    bool wanted = true;
+    for (unsigned lines = 0; wanted && range.next(); ++lines) {
         line.begin(range.time());
         // Read where it lies: the bytes stay until the next step of the walk.
         line.addFields(Item::Iterator(range.value()));
         line.end();
         put(file, line.text());
+        wanted = lines % linesBetweenLooks != 0 || isWanted();
     }
     out.close();
-    if (const CommitResult read = moment.result(); !read)
-        discard(path, read.reason);
+    if (!wanted)
+        discard(1, path, "nobody waits for it any more");
+    else if (const CommitResult read = moment.result(); !read)
+        discard(3, path, read.reason);
+}
+
+void AuditExport::exportCSV(const char* path, const Item& log, long long startTime, long long endTime) {
+    writeCsvFile(path, log, startTime, endTime, [] { return true; });
 }
 
 Item AuditExport::getLines(const Item& log, long long startTimeInclusive, long long endTimeExclusive) {

@@ -2,6 +2,7 @@
 #include <system_error>
 
 #include "auditing/AuditExport.h"
+#include "export/CsvFile.h"
 #include "qelCore/ItemStore.h"
 #include "qelCore/RpcContext.h"
 #include "qelCore/RpcProvider.h"
@@ -67,12 +68,22 @@ bool decodeFilter(const Item& filter, Selection& selection) {
 
 using Files = Vector<RpcContext::FilePair>;
 
+/// A large log takes minutes: when the caller goes meanwhile, or the service stops, so does the export.
+void exportFor(const RpcContext& context, const String& path, const Item& log, const Selection& selection) {
+    const auto isWanted = [&context] {
+        int code = 0;
+        String status;
+        return !context.getFileTransferStatus(code, status);
+    };
+    if (isWanted())
+        writeCsvFile(path, log, selection.startTime, selection.endTime, isWanted);
+}
+
 Files exportOne(const RpcContext& context, const Logs& logs, const String& clientPath,
                 const Selection& selection) {
     const bool interaction = selection.logType != 0;
     const String local = context.getFileTransferTargetPath(transferName);
-    AuditExport::exportCSV(local, interaction ? logs.interactionLog : logs.auditTrail, selection.startTime,
-                           selection.endTime);
+    exportFor(context, local, interaction ? logs.interactionLog : logs.auditTrail, selection);
     return {{clientPath + (interaction ? interactionFile : auditFile), local}};
 }
 
@@ -96,8 +107,8 @@ Files exportBoth(const RpcContext& context, const Logs& logs, const String& clie
     const String localInteraction = interactionFolder + interactionFile;
     // Both as they were at one moment, where the store can do that.
     const SteadyRead moment;
-    AuditExport::exportCSV(localAudit, logs.auditTrail, selection.startTime, selection.endTime);
-    AuditExport::exportCSV(localInteraction, logs.interactionLog, selection.startTime, selection.endTime);
+    exportFor(context, localAudit, logs.auditTrail, selection);
+    exportFor(context, localInteraction, logs.interactionLog, selection);
     return {{clientPath + auditFile, localAudit}, {clientPath + interactionFile, localInteraction}};
 }
 

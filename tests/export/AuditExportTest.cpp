@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "export/CsvFile.h"
 #include "export/LogRange.h"
+#include "qelCore/ItemStore.h"
 #include "qelCore/logging/CaptureSink.h"
 #include "support/AuditStore.h"
 #include "support/TemporaryFolder.h"
@@ -171,6 +173,20 @@ TEST_F(AuditExportTest, FileThatCannotBeOpenedIsNotNoticed) {
     EXPECT_NO_THROW(AuditExport::exportCSV(folder_.path().c_str(), log_, earliest, latest));
     EXPECT_EQ(log.texts(logging::levelInformation).front(), "Starting export to " + missing);
     EXPECT_FALSE(std::filesystem::exists(missing));
+}
+
+TEST_F(AuditExportTest, ExportThatNobodyWaitsForIsGivenUpAndLeavesNoFile) {
+    WriteBatch batch;
+    for (long long time = 0; time < 10000; ++time)
+        record(time, event("a", "", ""));
+    batch.commit();
+    int asked = 0;
+    writeCsvFile(file().c_str(), log_, earliest, latest, [&] { return ++asked < 3; });
+    EXPECT_EQ(asked, 3);
+    EXPECT_FALSE(std::filesystem::exists(file()));
+    asked = -10;
+    writeCsvFile(file().c_str(), log_, earliest, latest, [&] { return ++asked < 3; });
+    EXPECT_EQ(TemporaryFolder::read(file()), exported(earliest, latest));
 }
 
 TEST_F(AuditExportTest, FullDiskIsNotNoticed) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -189,6 +190,16 @@ TEST_F(RemoteCallsTest, DownloadStaysOpenUntilItsTransferEnds) {
     EXPECT_EQ(context.results()[0], success);
     EXPECT_EQ(context.results()[0].data()[0], 14);
     EXPECT_EQ(context.results()[0].size(), 1U);
+}
+
+TEST_F(RemoteCallsTest, NothingIsExportedForACallerWhoHasGone) {
+    TestRpcContext context("download_audit_report", downloadArguments(numbers(0, start, end), true));
+    context.endTransfer(5, "the connection was lost");
+    call(context);
+    for (const auto& file : context.files())
+        EXPECT_FALSE(std::filesystem::exists(file.second.str())) << file.second.str();
+    EXPECT_FALSE(context.event());
+    EXPECT_EQ(context.results().size(), 1U);
 }
 
 TEST_F(RemoteCallsTest, DownloadIsFinishedBeforeItsLineIsLogged) {

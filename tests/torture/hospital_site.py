@@ -185,7 +185,7 @@ class Site:
         if self.daemon is not None and self.daemon.poll() is None:
             self.daemon.send_signal(signal.SIGCONT)
             self.daemon.send_signal(sig)
-            self.daemon.wait(60)
+            self.daemon.wait(600)  # an export that a download asked for is written to its end first
 
     # ----- the agents
 

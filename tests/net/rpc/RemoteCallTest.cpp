@@ -230,6 +230,30 @@ TEST_F(RpcTest, ALostConnectionEndsTheWaitAndTheCallIsStillNoted) {
     pumpUntil([&] { return guard.taken().size() == 1; });
 }
 
+TEST_F(RpcTest, AHandlerCanSeeThatItsCallerHasGone) {
+    std::atomic<bool> begun{false};
+    std::atomic<int> lastCode{0};
+    add("slow", [&](const RpcContext& context) {
+        int code = 0;
+        String status;
+        while (!context.getFileTransferStatus(code, status)) {
+            begun = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        lastCode = code;
+    });
+    connect();
+    RpcRequest request;
+    request.name = "slow";
+    const RpcReply reply = call(request, [&] {
+        if (begun)
+            transport->cut();
+    });
+    EXPECT_EQ(reply.error, RpcError::connectionLost);
+    pumpUntil([&] { return guard.taken().size() == 1; });
+    EXPECT_EQ(lastCode, static_cast<int>(RpcTransfer::connectionLost));
+}
+
 TEST_F(RpcTest, ACancelledCallEndsAtOnce) {
     add("forgets", [](const RpcContext&) {});
     add("works", [](const RpcContext& context) { context.finish(); });

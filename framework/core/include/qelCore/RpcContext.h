@@ -80,8 +80,8 @@ class QELCORE_EXPORT RpcContext {
     /// `mode` is `transferToClient`; any other mode ends the transfer with an error. One transfer per call.
     virtual void initiateFileTransfer(int mode, const Vector<FilePair>& files) const = 0;
 
-    /// True once the transfer has ended: `code` is 0 for success, and `status` says in words what happened.
-    /// Before, or without a transfer, false.
+    /// True once the transfer has ended, or none can begin any more because the caller has gone or the service
+    /// stops: `code` is 0 for success, `status` says in words what happened. Before, or without one, false.
     virtual bool getFileTransferStatus(int& code, String& status) const = 0;
 
     /// Registers what is called on events of this call: progress and end of its file transfer. A transfer

@@ -358,7 +358,7 @@ bool ServerCall::getFileTransferStatus(int& code, String& status) const {
     std::string text;
     {
         const std::lock_guard lock(mutex_);
-        if (!transferBegun_)
+        if (!transferBegun_ && !abandoned_)
             return false;
     }
     if (!transfer_->hasEnded(code, text))
