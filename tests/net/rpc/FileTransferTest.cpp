@@ -51,6 +51,30 @@ TEST_F(RpcTest, AFileOfManyWindowsArrivesWholeWithLittleInFlight) {
     EXPECT_LE(most, 2u * 256 * 1024);
 }
 
+TEST_F(RpcTest, NoMoreThanTheWindowIsSentWithoutCredit) {
+    serviceOptions.callSeconds = 4;
+    addSending("send", largeText(4 << 20));
+    connect();
+    RpcRequest request = requestFor("send", target("a.csv"));
+    request.window = 64 * 1024;
+    bool held = false;
+    std::uint64_t before = 0;
+    std::uint64_t most = 0;
+    const RpcReply reply = call(request, [&] {
+        if (!held && bytesAtClient() > 0) {
+            transport->holdToService(true);
+            held = true;
+            before = bytesAtClient();
+        } else if (held && callFolders() != 0) {
+            most = std::max(most, bytesAtClient() - before);
+            transport->advance(1);
+        }
+    });
+    EXPECT_FALSE(reply);
+    EXPECT_TRUE(held);
+    EXPECT_LE(most, 2u * 64 * 1024);
+}
+
 TEST_F(RpcTest, TwoFilesComeInTheirOrderAndTakeTheirNamesTogether) {
     add("both", [](const RpcContext& context) {
         String into;

@@ -147,6 +147,16 @@ TEST_F(NetworkTest, ConfiguredServerNameIsExpectedInsteadOfTheAddress) {
     EXPECT_TRUE(eventually([&] { return station->connects == 1; })) << station->lastReason();
 }
 
+TEST_F(NetworkTest, ServerThatDoesNotBearTheConfiguredNameIsRefused) {
+    ConnectOptions options;
+    options.serverName = "other.example";
+    const auto station = connect({listen(site_.server("server.example"))}, nullptr, options);
+    ASSERT_TRUE(eventually([&] {
+        return station->lastReason().find("expected \"other.example\"") != std::string::npos;
+    })) << station->lastReason();
+    EXPECT_EQ(service_.attached, 0);
+}
+
 TEST_F(NetworkTest, WorkstationCertificateDoesNotPassForAServer) {
     CredentialFiles files = site_.workstationFiles("127.0.0.1", "localhost");
     const auto station = connect({listen(test::TestSite::load(files))});

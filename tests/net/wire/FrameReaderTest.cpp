@@ -49,6 +49,12 @@ TEST(FrameReader, LengthIsJudgedBeforeMemoryIsTaken) {
     EXPECT_FALSE(reader.feed(ConstByteSpan(std::string_view("\x7f\xff\xff\xff", 4)), collector));
     EXPECT_EQ(reader.getError(), "a frame of 2147483651 bytes was announced; at most 1000 are accepted");
     EXPECT_LT(reader.getKeptBytes(), 64u);
+
+    FrameReader slow(1000);
+    EXPECT_TRUE(slow.feed(ConstByteSpan(std::string_view("\x7f\xff", 2)), collector));
+    EXPECT_FALSE(slow.feed(ConstByteSpan(std::string_view("\xff\xff", 2)), collector));
+    EXPECT_EQ(slow.getError(), reader.getError());
+    EXPECT_LT(slow.getKeptBytes(), 64u);
 }
 
 TEST(FrameReader, FrameOfExactlyTheLimitIsTakenAndOneByteMoreIsNot) {
@@ -72,6 +78,8 @@ TEST(FrameReader, AnnouncedBytesTakeNoMemoryUntilTheyCome) {
     Collector collector;
     EXPECT_TRUE(reader.feed(ConstByteSpan(std::string_view("\x05\0\0\0\x05some", 9)), collector));
     EXPECT_TRUE(reader.isWaiting());
+    EXPECT_LT(reader.getKeptBytes(), 64u);
+    EXPECT_TRUE(reader.feed(ConstByteSpan(std::string_view(" more")), collector));
     EXPECT_LT(reader.getKeptBytes(), 64u);
 }
 
