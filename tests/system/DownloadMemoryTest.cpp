@@ -33,8 +33,10 @@ TEST_F(DownloadMemoryTest, ALargeDownloadCostsLittleMemoryAtEitherEnd) {
     ASSERT_EQ(client->wait(std::chrono::seconds(10)), 0) << client->err();
     const auto bytes = std::filesystem::file_size(into() + "/constancy_export.csv");
     EXPECT_GT(static_cast<long long>(bytes), longForm ? 10 * most : most);
+#ifndef QEL_SANITIZED  // sanitizers need memory of their own
     EXPECT_LT(daemonMost - before, most);
     EXPECT_LT(clientMost, most);
+#endif
     RecordProperty("daemon_growth_bytes", std::to_string(daemonMost - before));
     RecordProperty("client_bytes", std::to_string(clientMost));
     RecordProperty("file_bytes", std::to_string(bytes));

@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
 #include "support/TestSite.h"
 
 namespace qel {
@@ -119,6 +123,23 @@ TEST(Credentials, KeyOfAnotherCertificateIsRefused) {
     EXPECT_FALSE(Credentials::load(files, error));
     EXPECT_NE(error.find("does not belong to the certificate \"mueller\" of \"WS-07\""), std::string::npos)
         << error;
+}
+
+TEST(Credentials, LoadingInTheMidstOfARenewalWaitsForItsSecondFile) {
+    TestSite site;
+    const CredentialFiles files = site.workstationFiles();
+    const CredentialFiles renewed = site.workstationFiles("mueller", "WS-07-renewed");
+    std::filesystem::rename(renewed.key, files.key);
+    std::thread renewal([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        std::filesystem::rename(renewed.certificate, files.certificate);
+    });
+    std::string error;
+    const auto credentials = Credentials::load(files, error);
+    renewal.join();
+    ASSERT_TRUE(credentials) << error;
+    EXPECT_EQ(credentials->getDeviceName(), "WS-07-renewed");
+    EXPECT_EQ(error, "");
 }
 
 TEST(Credentials, MissingFileIsNamed) {

@@ -24,7 +24,9 @@ class QELNET_EXPORT Credentials {
   public:
     /// Reads all files. Null, and one sentence in `error`, when one is missing, unreadable, too readable,
     /// malformed, or key and certificate do not belong together. A certificate out of its dates is accepted
-    /// here: the handshake says so at either end, and renewing it heals without a restart.
+    /// here: the handshake says so at either end, and renewing it heals without a restart. A key that
+    /// does not belong to its certificate is read again for two seconds when one of them was replaced that
+    /// lately: whoever renews an identity replaces them one by one.
     static std::shared_ptr<Credentials> load(const CredentialFiles& files, std::string& error);
     ~Credentials();
 

@@ -1,6 +1,10 @@
 #include "qelNet/Credentials.h"
 
+#include <sys/stat.h>
+
+#include <chrono>
 #include <mutex>
+#include <thread>
 
 #include "wire/CredentialsState.h"
 
@@ -14,17 +18,52 @@ struct Credentials::Inner {
     std::shared_ptr<const State> state;
 };
 
+namespace {
+
+using namespace std::chrono_literals;
+
+// Certificate and key are two files, and whoever renews an identity replaces one after the other.
+constexpr auto replacing = 2s;
+constexpr auto betweenTries = 50ms;
+
+bool isBeingReplaced(const CredentialFiles& files) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    for (const std::string& file : {files.certificate, files.key}) {
+        struct stat status {};
+        if (::stat(file.c_str(), &status) != 0)
+            continue;
+        const auto age = now - std::chrono::seconds(status.st_ctim.tv_sec);
+        if (age >= -replacing && age <= replacing)
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
 Credentials::Credentials() : inner_(std::make_unique<Inner>()) {}
 Credentials::~Credentials() = default;
 
 std::shared_ptr<Credentials> Credentials::load(const CredentialFiles& files, std::string& error) {
     std::shared_ptr<Credentials> credentials(new Credentials());
     credentials->inner_->files = files;
-    return credentials->reload(error) ? credentials : nullptr;
+    const auto until = std::chrono::steady_clock::now() + replacing;
+    for (;;) {
+        bool apart = false;
+        credentials->inner_->state = State::read(files, error, apart);
+        if (credentials->inner_->state) {
+            error.clear();
+            return credentials;
+        }
+        if (!apart || !isBeingReplaced(files) || std::chrono::steady_clock::now() >= until)
+            return nullptr;
+        std::this_thread::sleep_for(betweenTries);
+    }
 }
 
 bool Credentials::reload(std::string& error) {
-    std::shared_ptr<const State> fresh = State::read(inner_->files, error);
+    bool apart = false;
+    std::shared_ptr<const State> fresh = State::read(inner_->files, error, apart);
     if (!fresh)
         return false;
     const std::lock_guard<std::mutex> lock(inner_->mutex);

@@ -68,14 +68,14 @@ bool Credentials::State::isOutdated() const {
 }
 
 std::shared_ptr<const Credentials::State> Credentials::State::read(const CredentialFiles& files,
-                                                                   std::string& error) {
+                                                                   std::string& error, bool& apart) {
     auto state = std::make_shared<State>();
     // Stamps come first: what changes while the files are read is seen as a change afterwards.
     for (const std::string& file :
          {files.certificate, files.key, files.authority, files.revoked, files.siteKey})
         if (!file.empty())
             state->stamps_.push_back(stampOf(file));
-    if (!state->readCertificate(files, error) || !state->readKey(files, error) ||
+    if (!state->readCertificate(files, error) || !state->readKey(files, error, apart) ||
         !state->readAuthority(files, error) || !state->readRevoked(files, error))
         return nullptr;
     if (!files.siteKey.empty() && !state->siteKey_.load(files.siteKey, error))
@@ -102,7 +102,7 @@ bool Credentials::State::readCertificate(const CredentialFiles& files, std::stri
     return true;
 }
 
-bool Credentials::State::readKey(const CredentialFiles& files, std::string& error) {
+bool Credentials::State::readKey(const CredentialFiles& files, std::string& error, bool& apart) {
     std::string content;
     if (!readSecretFile(files.key, content, error))
         return false;
@@ -114,6 +114,7 @@ bool Credentials::State::readKey(const CredentialFiles& files, std::string& erro
     }
     if (X509_check_private_key(certificate_.get(), key_.get()) == 1)
         return true;
+    apart = true;
     error = "the key in " + files.key + " does not belong to the certificate " +
             describe(certificate_.get()) + " in " + files.certificate;
     takeError();

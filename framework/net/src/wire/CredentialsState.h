@@ -15,7 +15,8 @@ namespace qel {
 /// began with the older one end with it.
 class Credentials::State {
   public:
-    static std::shared_ptr<const State> read(const CredentialFiles& files, std::string& error);
+    /// `apart` is set when key and certificate are sound, but do not belong together.
+    static std::shared_ptr<const State> read(const CredentialFiles& files, std::string& error, bool& apart);
 
     /// A fresh TLS stream for an accepted, respectively a connecting, socket.
     tls::Stream makeServerStream() const;
@@ -41,7 +42,7 @@ class Credentials::State {
 
     static Stamp stampOf(const std::string& file);
     bool readCertificate(const CredentialFiles& files, std::string& error);
-    bool readKey(const CredentialFiles& files, std::string& error);
+    bool readKey(const CredentialFiles& files, std::string& error, bool& apart);
     bool readAuthority(const CredentialFiles& files, std::string& error);
     bool readRevoked(const CredentialFiles& files, std::string& error);
     bool makeContext(tls::Context& context, bool server, std::string& error) const;
