@@ -42,4 +42,33 @@ std::string freshUrl() {
     return sharedServer().storeUrl("store" + std::to_string(++number));
 }
 
+std::unique_ptr<ItemStore> openStore(const std::string& url, StoreOptions options) {
+    std::string reason;
+    auto store = ItemStore::open(url, options, reason);
+    EXPECT_NE(store, nullptr) << reason;
+    return store;
+}
+
+std::string refusal(const std::string& url, StoreOptions options) {
+    std::string reason;
+    return ItemStore::open(url, options, reason) == nullptr ? reason : "(opened)";
+}
+
+std::string valueAt(ItemStore& store, const Item& at) {
+    return std::string(store.fetch(at).view());
+}
+
+std::string encoded(std::string_view value) {
+    return std::string(text(value).bytes().view());
+}
+
+bool has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+std::string terminateAll() {
+    return sharedServer().sql(
+        "SELECT count(pg_terminate_backend(pid, 5000)) FROM pg_stat_activity WHERE application_name = 'qel'");
+}
+
 }  // namespace qel::test

@@ -35,7 +35,22 @@ class BentClock {
 };
 
 /// The real daemon and the real agent, with clocks and lines at fault between them.
-class FaultyWorldTest : public test::ForwardingFixture {};
+class FaultyWorldTest : public test::ForwardingFixture {
+  protected:
+    /// Sends so many events over the line; what its first two connections do is noticed by the agent alone.
+    void expectHealedByTheThirdConnection(const FaultyLine::Chooser& chooser, int events) {
+        makeSite();
+        FaultyLine line(site_->port(), chooser);
+        const Workstation anna = enrollBehind(line);
+        record(anna, events);
+        site_->startDaemon();
+        const std::unique_ptr<Process> agent = startAgent(anna);
+        EXPECT_TRUE(empties(anna)) << agent->err();
+        EXPECT_EQ(line.connections(), 3) << agent->err();
+        EXPECT_NE(agent->err().find("no acknowledgement"), std::string::npos) << agent->err();
+        expectEachOnce({"anna"}, events);
+    }
+};
 
 // A sanitizer insists on being the first library of a process, and so does what bends the clock.
 #ifndef QEL_SANITIZED
@@ -131,40 +146,24 @@ TEST_F(FaultyWorldTest, CutsInTheMiddleOfFramesLoseAndDoubleNothing) {
 }
 
 TEST_F(FaultyWorldTest, ServiceThatStoresButIsNotHeardIsGivenUpAndDoublesNothing) {
-    makeSite();
-    FaultyLine line(site_->port(), [](int connection) {
+    const auto chooser = [](int connection) {
         FaultyLine::Fault fault;
         if (connection <= 2)
             fault.muteAfter = 6000;
         return fault;
-    });
-    const Workstation anna = enrollBehind(line);
-    record(anna, 1000);
-    site_->startDaemon();
-    const std::unique_ptr<Process> agent = startAgent(anna);
-    EXPECT_TRUE(empties(anna)) << agent->err();
-    EXPECT_EQ(line.connections(), 3) << agent->err();
-    EXPECT_NE(agent->err().find("no acknowledgement"), std::string::npos) << agent->err();
-    expectEachOnce({"anna"}, 1000);
+    };
+    expectHealedByTheThirdConnection(chooser, 1000);
 }
 
 /// The firewall forgets the connection while the agent waits for acknowledgements.
 TEST_F(FaultyWorldTest, HalfOpenLineInTheMiddleOfAStreamIsGivenUpAndHealed) {
-    makeSite();
-    FaultyLine line(site_->port(), [](int connection) {
+    const auto chooser = [](int connection) {
         FaultyLine::Fault fault;
         if (connection <= 2)
             fault.swallowAfter = 40000U * static_cast<unsigned>(connection);
         return fault;
-    });
-    const Workstation anna = enrollBehind(line);
-    record(anna, 3000);
-    site_->startDaemon();
-    const std::unique_ptr<Process> agent = startAgent(anna);
-    EXPECT_TRUE(empties(anna)) << agent->err();
-    EXPECT_EQ(line.connections(), 3) << agent->err();
-    EXPECT_NE(agent->err().find("no acknowledgement"), std::string::npos) << agent->err();
-    expectEachOnce({"anna"}, 3000);
+    };
+    expectHealedByTheThirdConnection(chooser, 3000);
 }
 
 /// The firewall forgets the connection while there is nothing to send: what is recorded later must still arrive.

@@ -218,13 +218,7 @@ TEST_F(RpcTest, ALostConnectionEndsTheWaitAndTheCallIsStillNoted) {
         context.finish();
     });
     connect();
-    RpcRequest request;
-    request.name = "slow";
-    const RpcReply reply = call(request, [&] {
-        if (begun)
-            transport->cut();
-    });
-    EXPECT_EQ(reply.error, RpcError::connectionLost);
+    EXPECT_EQ(callCutOnce(begun).error, RpcError::connectionLost);
     EXPECT_TRUE(guard.taken().empty());
     go = true;
     pumpUntil([&] { return guard.taken().size() == 1; });
@@ -243,13 +237,7 @@ TEST_F(RpcTest, AHandlerCanSeeThatItsCallerHasGone) {
         lastCode = code;
     });
     connect();
-    RpcRequest request;
-    request.name = "slow";
-    const RpcReply reply = call(request, [&] {
-        if (begun)
-            transport->cut();
-    });
-    EXPECT_EQ(reply.error, RpcError::connectionLost);
+    EXPECT_EQ(callCutOnce(begun).error, RpcError::connectionLost);
     pumpUntil([&] { return guard.taken().size() == 1; });
     EXPECT_EQ(lastCode, static_cast<int>(RpcTransfer::connectionLost));
 }

@@ -102,6 +102,15 @@ class RpcTest : public testing::Test {
         request.arguments = arguments;
         return call(request);
     }
+    /// Calls "slow", and cuts the connection once its handler has begun.
+    RpcReply callCutOnce(const std::atomic<bool>& begun) {
+        RpcRequest request;
+        request.name = "slow";
+        return call(request, [&] {
+            if (begun)
+                transport->cut();
+        });
+    }
     void pumpUntil(const std::function<bool()>& condition) {
         for (int i = 0; i < 20000 && !condition(); ++i) {
             if (transport)
