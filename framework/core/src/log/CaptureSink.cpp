@@ -5,11 +5,12 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "qelCore/Export.h"
 #include "qelCore/logging/Log.h"
 
 namespace qel::logging {
 
-class CaptureSink::Collector final : public Sink {
+class QEL_HIDDEN CaptureSink::Collector final : public Sink {
   public:
     void write(const Line& line) override {
         {

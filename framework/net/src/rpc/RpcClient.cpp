@@ -7,6 +7,7 @@
 #include <mutex>
 #include <utility>
 
+#include "qelCore/Export.h"
 #include "qelCore/Packet.h"
 #include "qelCore/Ref.h"
 #include "qelNet/Client.h"
@@ -129,7 +130,7 @@ class RpcQuery : public Client::Query {
 
 /// The query and what it needs. It is made on the peer's strand, so that no handler is called before it is set, and may
 /// be made after its client has gone already.
-class RpcClient::Inner {
+class QEL_HIDDEN RpcClient::Inner {
   public:
     Inner(Peer* peer, const std::string& service) : client(peer, service.c_str()) {}
 

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 
+#include "qelCore/Export.h"
 #include "qelNet/RpcService.h"
 #include "rpc/CallFolders.h"
 #include "rpc/WorkerPool.h"
@@ -12,7 +13,7 @@
 namespace qel {
 
 /// What all sessions and calls of one service share. Any thread.
-class RpcService::Core {
+class QEL_HIDDEN RpcService::Core {
   public:
     Core(const RpcProvider* callProvider, RpcGuard* callGuard, const RpcServiceOptions& callOptions,
          std::string& error);

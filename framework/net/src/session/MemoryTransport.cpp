@@ -7,6 +7,7 @@
 #include <mutex>
 #include <utility>
 
+#include "qelCore/Export.h"
 #include "session/ClientPeer.h"
 #include "session/ServiceConnection.h"
 
@@ -109,7 +110,7 @@ class MemoryLink : public Link {
 
 }  // namespace
 
-class MemoryTransport::Inner {
+class QEL_HIDDEN MemoryTransport::Inner {
   public:
     Inner(std::vector<Service*> services, Options options)
         : services_(std::move(services)),

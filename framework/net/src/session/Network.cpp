@@ -12,13 +12,14 @@
 #include <thread>
 #include <utility>
 
+#include "qelCore/Export.h"
 #include "qelCore/logging/MessageStream.h"
 #include "session/Connector.h"
 #include "session/Listener.h"
 
 namespace qel {
 
-class Network::Core : public std::enable_shared_from_this<Network::Core> {
+class QEL_HIDDEN Network::Core : public std::enable_shared_from_this<Network::Core> {
   public:
     explicit Core(const Options& options);
     ~Core();

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "qelCore/Export.h"
 #include "qelCore/Packet.h"
 #include "qelNet/Service.h"
 #include "session/Channel.h"
@@ -10,7 +11,7 @@
 namespace qel {
 
 /// Network peer and channel in one: everything that is sent goes into one list.
-class RecordingPeer::Recorder : public NetworkPeer {
+class QEL_HIDDEN RecordingPeer::Recorder : public NetworkPeer {
   public:
     class RecordingChannel : public Channel {
       public:

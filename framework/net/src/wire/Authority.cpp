@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "qelCore/Export.h"
 #include "wire/OpenSsl.h"
 #include "wire/SecretFile.h"
 
@@ -165,7 +166,7 @@ struct Purpose {
 
 }  // namespace
 
-struct Authority::Inner {
+struct QEL_HIDDEN Authority::Inner {
     Certificate certificate;
     PrivateKey key;
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "qelCore/Export.h"
 #include "qelNet/Credentials.h"
 #include "wire/OpenSsl.h"
 
@@ -13,7 +14,7 @@ namespace qel {
 
 /// One reading of all credential files: immutable, so that a reload swaps it as a whole while handshakes that
 /// began with the older one end with it.
-class Credentials::State {
+class QEL_HIDDEN Credentials::State {
   public:
     /// `apart` is set when key and certificate are sound, but do not belong together.
     static std::shared_ptr<const State> read(const CredentialFiles& files, std::string& error, bool& apart);
