@@ -1,6 +1,7 @@
 #include "storage/LmdbCursor.h"
 
 #include "storage/LmdbEngine.h"
+#include "storage/LmdbGuard.h"
 
 namespace qel::storage {
 
@@ -71,8 +72,11 @@ bool LmdbCursor::begin(int& error) {
 }
 
 bool LmdbCursor::place(MDB_val& key, MDB_cursor_op op) {
+    // A damaged page has ended the transaction.
+    if (cursor_ == nullptr)
+        return false;
     MDB_val value;
-    int error = mdb_cursor_get(cursor_, &key, &value, op);
+    int error = unlessDamaged([&] { return mdb_cursor_get(cursor_, &key, &value, op); });
     // The engine reads a page of zeros as entries with empty keys, which it never stores.
     if (error == 0 && key.mv_size == 0)
         error = MDB_CORRUPTED;
@@ -81,6 +85,7 @@ bool LmdbCursor::place(MDB_val& key, MDB_cursor_op op) {
         key_ = {static_cast<const char*>(key.mv_data), key.mv_size};
         value_ = {static_cast<const char*>(value.mv_data), value.mv_size};
     } else if (error != MDB_NOTFOUND) {
+        drop();
         ++engine_.readFaults;
         engine_.tellReadFault(error);
     }

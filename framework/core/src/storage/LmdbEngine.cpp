@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "qelCore/logging/MessageStream.h"
+#include "storage/LmdbGuard.h"
 #include "storage/UniqueClock.h"
 
 namespace qel::storage {
@@ -108,6 +109,7 @@ int LmdbEngine::tryOpen(std::size_t mapBytes) {
     mdb_env_set_userctx(environment_, this);
     mdb_env_set_assert(
         environment_, [](MDB_env* environment, const char* fault) {
+            LmdbGuard::leave();
             // The engine ends the process after this.
             logging::MessageStream(3, 2)
                 << "the store " << static_cast<const LmdbEngine*>(mdb_env_get_userctx(environment))->folder()
@@ -140,7 +142,7 @@ bool LmdbEngine::loadClock(std::string& reason) {
     }
     MDB_val key = valueOf(UniqueClock::markKey());
     MDB_val value;
-    error = mdb_get(transaction, database_, &key, &value);
+    error = unlessDamaged([&] { return mdb_get(transaction, database_, &key, &value); });
     const Bytes record = error == 0 ? Bytes(static_cast<const char*>(value.mv_data), value.mv_size) : Bytes();
     UniqueClock::load(page_.clock(), record);
     mdb_txn_abort(transaction);
@@ -302,7 +304,9 @@ int LmdbEngine::write(const std::vector<const std::vector<Write>*>& writes) {
     if (error != 0)
         return error;
     long long mark = 0;
-    error = putAll(transaction, writes, mark);
+    std::string record;
+    UniqueClock::dueMark(page_.clock(), record, mark);
+    error = unlessDamaged([&] { return putAll(transaction, writes, record); });
     if (error != 0) {
         mdb_txn_abort(transaction);
         return error;
@@ -314,15 +318,16 @@ int LmdbEngine::write(const std::vector<const std::vector<Write>*>& writes) {
 }
 
 int LmdbEngine::putAll(MDB_txn* transaction, const std::vector<const std::vector<Write>*>& writes,
-                       long long& mark) {
+                       const std::string& mark) {
     MDB_cursor* cursor = nullptr;
     int error = mdb_cursor_open(transaction, database_, &cursor);
     for (const auto* const batch : writes)
         for (auto write = batch->begin(); error == 0 && write != batch->end(); ++write)
             error = putOne(cursor, *write);
-    std::string record;
-    if (error == 0 && UniqueClock::dueMark(page_.clock(), record, mark))
-        error = putOne(cursor, {UniqueClock::markKey(), record, false});
+    MDB_val key = valueOf(UniqueClock::markKey());
+    MDB_val value = valueOf(mark);
+    if (error == 0 && value.mv_size != 0)
+        error = mdb_cursor_put(cursor, &key, &value, 0);
     if (cursor != nullptr)
         mdb_cursor_close(cursor);
     return error;

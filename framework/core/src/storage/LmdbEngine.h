@@ -60,7 +60,8 @@ class LmdbEngine final : public Engine {
 
     bool lockWriter(std::string& reason);
     int write(const std::vector<const std::vector<Write>*>& writes);
-    int putAll(MDB_txn* transaction, const std::vector<const std::vector<Write>*>& writes, long long& mark);
+    int putAll(MDB_txn* transaction, const std::vector<const std::vector<Write>*>& writes,
+               const std::string& mark);
     int recover(int error);
     std::string sentence(const char* what, int error) const;
 

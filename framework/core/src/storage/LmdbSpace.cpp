@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "qelCore/logging/MessageStream.h"
 #include "storage/LmdbEngine.h"
+#include "storage/LmdbGuard.h"
 
 namespace qel::storage {
 
@@ -19,16 +19,18 @@ namespace {
 
 constexpr MDB_dbi freePagesDatabase = 0;
 
-// Free pages from `first` on. A value of the engine's list is a count and as many page numbers.
-std::uint64_t countFreePages(MDB_txn* transaction, std::size_t first) {
+// Adds the free pages from `first` on. A value of the engine's list is a count and as many page numbers.
+int countFreePages(MDB_txn* transaction, std::size_t first, std::uint64_t& pages) {
     MDB_cursor* cursor = nullptr;
-    if (mdb_cursor_open(transaction, freePagesDatabase, &cursor) != 0)
-        return 0;
-    std::uint64_t pages = 0;
+    int error = mdb_cursor_open(transaction, freePagesDatabase, &cursor);
+    if (error != 0)
+        return error;
     MDB_val key;
     MDB_val value;
-    // The engine reads a page of zeros as entries with empty keys, which it never stores.
-    while (mdb_cursor_get(cursor, &key, &value, MDB_NEXT) == 0 && key.mv_size != 0) {
+    while ((error = mdb_cursor_get(cursor, &key, &value, MDB_NEXT)) == 0) {
+        // The engine reads a page of zeros as entries with empty keys, which it never stores.
+        if (key.mv_size == 0)
+            return MDB_CORRUPTED;
         const auto numberAt = [&value](std::size_t index) {
             std::size_t number = 0;
             if ((index + 1) * sizeof number <= value.mv_size)
@@ -41,20 +43,20 @@ std::uint64_t countFreePages(MDB_txn* transaction, std::size_t first) {
             pages += numberAt(i) >= first;
     }
     mdb_cursor_close(cursor);
-    return pages;
+    return error == MDB_NOTFOUND ? 0 : error;
 }
 
 // Of the pages from `first` on, those that the newest snapshot does not know as free; all of them if its list of free
-// pages is damaged. The engine has no error for each damage that it meets, and ends the process unless it is left.
+// pages is damaged.
 std::uint64_t countUsedPages(MDB_env* environment, std::size_t first, std::uint64_t pages) {
-    static thread_local std::jmp_buf wayOut;
-    mdb_env_set_assert(environment, [](MDB_env*, const char*) { std::longjmp(wayOut, 1); });
+    mdb_env_set_assert(environment, [](MDB_env*, const char*) { LmdbGuard::leave(); });
     MDB_txn* transaction = nullptr;
-    if (setjmp(wayOut) != 0 || mdb_txn_begin(environment, nullptr, MDB_RDONLY, &transaction) != 0)
+    if (mdb_txn_begin(environment, nullptr, MDB_RDONLY, &transaction) != 0)
         return pages;
-    const std::uint64_t freePages = countFreePages(transaction, first);
+    std::uint64_t freePages = 0;
+    const int error = unlessDamaged([&] { return countFreePages(transaction, first, freePages); });
     mdb_txn_abort(transaction);
-    return pages - std::min(freePages, pages);
+    return error == 0 ? pages - std::min(freePages, pages) : pages;
 }
 
 struct Readers {
@@ -98,7 +100,7 @@ void LmdbEngine::space(StoreSpace& out) {
     out.entries = stat.ms_entries;
     out.pageBytes = stat.ms_psize;
     out.usedBytes = (stat.ms_branch_pages + stat.ms_leaf_pages + stat.ms_overflow_pages) * stat.ms_psize;
-    out.freePages = countFreePages(transaction, 0);
+    unlessDamaged([&] { return countFreePages(transaction, 0, out.freePages); });
     mdb_txn_abort(transaction);
     struct stat file {};
     if (::stat(folder_.file(dataFile).c_str(), &file) == 0)
