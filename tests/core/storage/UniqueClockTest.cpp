@@ -100,6 +100,36 @@ TEST_F(Unique, ProcessesThatFollowEachOtherQuicklyStayAtThePresent) {
     }
 }
 
+TEST_F(Unique, TheMarkCoversEveryStoredTimeAndIsNotWrittenWithEach) {
+    FixedClock clock(start);
+    reopen();
+    std::set<long long> marks;
+    for (int i = 0; i < 300; ++i) {
+        clock.advance(300);
+        const long long time = store_->uniqueTime();
+        write(key(path("queue"), time), "event");
+        const long long mark = store_->clock().committed;
+        ASSERT_GE(mark, time);
+        ASSERT_LE(mark, System::getUTCDateTime() + storage::UniqueClock::markLead);
+        marks.insert(mark);
+    }
+    EXPECT_LE(marks.size(), 12U);
+}
+
+TEST_F(Unique, ProcessesThatCommitOftenAndFollowEachOtherQuicklyDoNotDrift) {
+    FixedClock clock(start);
+    for (int i = 0; i < 100; ++i) {
+        clock.advance(1000);
+        reopen();
+        for (int j = 0; j < 5; ++j) {
+            const long long time = store_->uniqueTime();
+            EXPECT_LE(time, System::getUTCDateTime() + storage::UniqueClock::markLead + 5);
+            write(key(path("queue"), time), "event");
+        }
+        close();
+    }
+}
+
 TEST_F(Unique, AWildClockDoesNotPoisonTheStoreAndNoTimeComesTwice) {
     std::set<long long> handedOut;
     const auto take = [&](long long now) {

@@ -305,7 +305,7 @@ int LmdbEngine::write(const std::vector<const std::vector<Write>*>& writes) {
         return error;
     long long mark = 0;
     std::string record;
-    UniqueClock::dueMark(page_.clock(), record, mark);
+    UniqueClock::dueMark(page_.clock(), System::getUTCDateTime(), record, mark);
     error = unlessDamaged([&] { return putAll(transaction, writes, record); });
     if (error != 0) {
         mdb_txn_abort(transaction);

@@ -100,7 +100,7 @@ CommitResult PostgresEngine::commit(const Batches& batches) {
     std::vector<PostgresTransaction> parts = divide(batches);
     std::string record;
     long long mark = 0;
-    const bool isMarkDue = UniqueClock::dueMark(clock_, record, mark);
+    const bool isMarkDue = UniqueClock::dueMark(clock_, System::getUTCDateTime(), record, mark);
     if (parts.empty() && !isMarkDue)
         return {};
     // The mark alone.

@@ -23,6 +23,8 @@ struct ClockPage {
     // over, ends included.
     long long leaps[leapCount][2];
     long long skips[skipCount][2];
+    // The present when the last mark was taken.
+    std::atomic<long long> marked;
 };
 
 /// The small mapped file beside the data through which the processes of one machine agree on the unique clock and

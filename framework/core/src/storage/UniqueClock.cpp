@@ -142,11 +142,12 @@ Bytes UniqueClock::markKey() {
     return {key, sizeof key};
 }
 
-bool UniqueClock::dueMark(ClockPage& page, std::string& record, long long& mark) {
+bool UniqueClock::dueMark(ClockPage& page, long long now, std::string& record, long long& mark) {
     const long long last = page.last.load();
     if (last <= page.committed.load())
         return false;
-    mark = last;
+    const long long since = now - page.marked.exchange(now);
+    mark = since >= 0 && since <= markLead ? std::max(last, now + markLead) : last;
     Item item;
     item.addInteger(mark);
     const RobustLock guard(page.mutex);

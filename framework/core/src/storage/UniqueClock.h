@@ -10,9 +10,10 @@
 namespace qel::storage {
 
 /// Hands out times that no process with the same store ever hands out again. The counter lies in the shared page and is
-/// advanced atomically. With the writes a mark goes into the store that says how far the counter has come; after a power
-/// cut the counter goes on from the mark. The mark never runs ahead of the counter, though it would then be written less
-/// often: a program that is started for every event would move further from the present with every start.
+/// advanced atomically. With the writes a mark goes into the store that no time stored so far lies behind; after a power
+/// cut the counter goes on from the mark. While commits follow each other quickly the mark runs ahead of the present by
+/// `markLead`, so that only some of them have to write it. It never runs ahead of the counter by more, nor from a counter that is
+/// ahead itself: a program that is started for every event would move further from the present with every start.
 /// Any thread.
 class UniqueClock {
   public:
@@ -24,8 +25,10 @@ class UniqueClock {
     bool isMarkDue() const { return page_.last > page_.committed; }
     /// The key of the mark's record.
     static Bytes markKey();
-    /// The record to commit with the writes at hand, or false when the one in the store suffices.
-    static bool dueMark(ClockPage& page, std::string& record, long long& mark);
+    /// Microseconds.
+    static constexpr long long markLead = 20000;
+    /// The record to commit with the writes at hand at the present `now`, or false when the one in the store suffices.
+    static bool dueMark(ClockPage& page, long long now, std::string& record, long long& mark);
     /// That record is durable now.
     static void markCommitted(ClockPage& page, long long mark);
     /// Sets the page from the record of the store (empty: none yet).
