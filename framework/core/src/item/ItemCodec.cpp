@@ -1,6 +1,7 @@
 #include "item/ItemCodec.h"
 
 #include <bit>
+#include <cstring>
 
 #include "qelCore/Item.h"
 
@@ -20,6 +21,22 @@ bool isInteger(Byte code) {
 
 unsigned integerLength(Byte code) {
     return code >= integerZero ? unsigned(code - integerZero) : unsigned(integerZero - code);
+}
+
+std::uint32_t readFour(const Byte* at) {
+    std::uint32_t four = 0;
+    std::memcpy(&four, at, sizeof four);
+    return std::endian::native == std::endian::little ? __builtin_bswap32(four) : four;
+}
+
+// A number of at most 8 bytes, most significant first. Longer ones as two halves, which may overlap: times are read all day.
+std::uint64_t readNumber(const Byte* at, unsigned length) {
+    std::uint64_t number = 0;
+    if (length >= 4)
+        return std::uint64_t{readFour(at)} << (8 * (length - 4)) | readFour(at + length - 4);
+    for (unsigned i = 0; i < length; ++i)
+        number = number << 8 | at[i];
+    return number;
 }
 
 const Byte* findEndMark(const Byte* at, const Byte* end) {
@@ -114,9 +131,9 @@ bool decodeInteger(const unsigned char* at, const unsigned char* end, long long&
     if (static_cast<std::size_t>(end - at) < length)
         return false;
     const bool negative = code < integerZero;
-    unsigned long long raw = negative ? ~0ULL : 0ULL;
-    for (unsigned i = 0; i < length; ++i)
-        raw = raw << 8 | at[i];
+    unsigned long long raw = readNumber(at, length);
+    if (negative && length < sizeof raw)
+        raw |= ~0ULL << (8 * length);
     if (length != 0) {
         const unsigned long long magnitude = negative ? ~raw : raw;
         if (magnitude >> 63 || bytesOf(magnitude) != length || raw == 0)

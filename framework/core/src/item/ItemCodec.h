@@ -57,22 +57,25 @@ inline const unsigned char* elementEnd(const unsigned char* at, const unsigned c
 /// True when the bytes are whole elements in their one valid form, nested at most `maxDepth` deep.
 bool isWellFormed(const unsigned char* at, const unsigned char* end, int maxDepth);
 
+inline std::uint64_t wordAt(const unsigned char* at) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, at, sizeof word);
+    return word;
+}
+
 /// Whether two byte strings of one length are equal; for keys, which are short.
 inline bool areEqual(const void* a, const void* b, std::size_t size) {
+    constexpr std::size_t step = sizeof(std::uint64_t);
     const auto* left = static_cast<const unsigned char*>(a);
     const auto* right = static_cast<const unsigned char*>(b);
-    std::uint64_t x = 0;
-    std::uint64_t y = 0;
-    for (; size >= sizeof x; size -= sizeof x, left += sizeof x, right += sizeof x) {
-        std::memcpy(&x, left, sizeof x);
-        std::memcpy(&y, right, sizeof y);
-        if (x != y)
+    if (size < step)
+        return std::memcmp(a, b, size) == 0;
+    // The last word may overlap the one before.
+    const std::size_t last = size - step;
+    for (std::size_t at = 0; at < last; at += step)
+        if (wordAt(left + at) != wordAt(right + at))
             return false;
-    }
-    for (; size != 0; --size)
-        if (*left++ != *right++)
-            return false;
-    return true;
+    return wordAt(left + last) == wordAt(right + last);
 }
 
 /// The integer of the element at `at`, which ends at `end`; false when it is no integer in its one valid form.
@@ -83,8 +86,7 @@ bool decodeInteger(const unsigned char* at, const unsigned char* end, long long&
 inline const unsigned char* firstMark(const unsigned char* at, const unsigned char* end) {
     constexpr std::uint64_t ones = 0x0101010101010101U;
     for (; end - at >= 8; at += 8) {
-        std::uint64_t word = 0;
-        std::memcpy(&word, at, sizeof word);
+        const std::uint64_t word = wordAt(at);
         const std::uint64_t marks = (word - ones * 2) & ~word & (ones * 0x80);
         if (marks != 0)
             break;

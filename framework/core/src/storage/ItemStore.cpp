@@ -1,7 +1,5 @@
 #include "qelCore/ItemStore.h"
 
-#include <cstring>
-
 #include "item/ItemCodec.h"
 #include "qelCore/System.h"
 #include "qelCore/logging/MessageStream.h"
@@ -22,19 +20,6 @@ constexpr std::string_view lmdbScheme = "lmdb:";
 constexpr const char* unknownScheme = " names no known kind of store; expected lmdb:PATH or postgresql://…";
 
 std::atomic<ItemStore*> currentStore{nullptr};
-
-// Room kept for the next value; larger ones give theirs back.
-constexpr std::size_t keptFetchRoom = std::size_t{64} << 10;
-
-ConstByteSpan keep(std::vector<unsigned char>& room, storage::Bytes value) {
-    if (room.size() > keptFetchRoom && value.size() <= keptFetchRoom)
-        room = {};
-    if (room.size() < value.size() + 1)
-        room.resize(std::max<std::size_t>(512, value.size() + 1));
-    if (!value.empty())
-        std::memcpy(room.data(), value.data(), value.size());
-    return {room.data(), value.size()};
-}
 
 std::unique_ptr<storage::Engine> openEngine(std::string_view url, const StoreOptions& options,
                                             std::string& reason) {
@@ -130,11 +115,21 @@ const StoreOptions& ItemStore::options() const {
 }
 
 bool ItemStore::child(const Item& parent, Item& out) {
-    return core_->read([&](StoreReader& reader) { return ItemNavigation::child(reader, parent, out); });
+    return core_->read([&](StoreReader& reader) {
+        if (!ItemNavigation::child(reader, parent, out))
+            return false;
+        reader.holdForFetch(out.size());
+        return true;
+    });
 }
 
 bool ItemStore::next(Item& position) {
-    return core_->read([&](StoreReader& reader) { return ItemNavigation::next(reader, position); });
+    return core_->read([&](StoreReader& reader) {
+        if (!ItemNavigation::next(reader, position))
+            return false;
+        reader.holdForFetch(position.size());
+        return true;
+    });
 }
 
 bool ItemStore::next(Item& position, ConstByteSpan& value) {
@@ -142,14 +137,18 @@ bool ItemStore::next(Item& position, ConstByteSpan& value) {
         if (!ItemNavigation::next(reader, position))
             return false;
         // A place that exists only through what lies below it has no value.
-        value = reader.key().size() == position.size() ? keep(core_->thread().fetched, reader.value())
-                                                       : ConstByteSpan();
+        value = reader.key().size() == position.size() ? reader.hold() : ConstByteSpan();
         return true;
     });
 }
 
 bool ItemStore::prev(Item& position) {
-    return core_->read([&](StoreReader& reader) { return ItemNavigation::prev(reader, position); });
+    return core_->read([&](StoreReader& reader) {
+        if (!ItemNavigation::prev(reader, position))
+            return false;
+        reader.holdForFetch(position.size());
+        return true;
+    });
 }
 
 bool ItemStore::nextKey(Item& position) {
@@ -158,15 +157,17 @@ bool ItemStore::nextKey(Item& position) {
 
 ConstByteSpan ItemStore::fetch(const Item& key) {
     ConstByteSpan out;
-    if (key.isEmpty())
+    if (key.isEmpty() || !core_->isUsable())
         return out;
-    const auto find = [&](StoreReader& reader) {
-        if (!reader.exactly(ItemNavigation::bytesOf(key)))
+    const storage::Bytes bytes = ItemNavigation::bytesOf(key);
+    if (core_->takeHeld(bytes, out))
+        return out;
+    core_->read([&](StoreReader& reader) {
+        if (!reader.exactly(bytes))
             return false;
-        out = keep(core_->thread().fetched, reader.value());
+        out = reader.hold();
         return true;
-    };
-    core_->read(find, StoreReader::Use::fetch);
+    });
     return out;
 }
 

@@ -1,5 +1,7 @@
 #include "storage/Navigation.h"
 
+#include <cstring>
+
 #include "item/ItemCodec.h"
 
 namespace qel {
@@ -51,12 +53,16 @@ bool isDescendant(Bytes found, Bytes key, std::size_t parent) {
 
 }  // namespace
 
-// To the key's ancestor one element below the parent, which is the key itself unless it lies deeper.
+// To the key's ancestor one element below the parent, which is the key itself unless it lies deeper. The position's own first
+// bytes are the parent's already.
 bool ItemNavigation::moveTo(Item& position, Bytes key, std::size_t parent) {
-    const auto* const at = reinterpret_cast<const unsigned char*>(key.data());
-    const unsigned char* const end = at + key.size();
-    const unsigned char* const after = codec::elementEnd(at + parent, end);
-    position.assign(at, static_cast<std::size_t>((after == nullptr ? end : after) - at));
+    const auto* const at = reinterpret_cast<const unsigned char*>(key.data()) + parent;
+    const unsigned char* const end = at + (key.size() - parent);
+    const unsigned char* const after = codec::elementEnd(at, end);
+    const auto length = static_cast<std::size_t>((after == nullptr ? end : after) - at);
+    position.size_ = static_cast<unsigned>(parent);
+    std::memcpy(position.reserve(length), at, length);
+    position.size_ += static_cast<unsigned>(length);
     position.last_ = static_cast<unsigned>(parent);
     return true;
 }
@@ -64,8 +70,12 @@ bool ItemNavigation::moveTo(Item& position, Bytes key, std::size_t parent) {
 bool ItemNavigation::child(StoreReader& reader, const Item& parent, Item& out) {
     const Bytes key = bytesOf(parent);
     const SeekKey bound(key, key.empty() ? codec::firstCode : codec::belowAll);
-    return reader.atLeast(bound.bytes()) && isBelow(reader.key(), key, key.size()) &&
-           moveTo(out, reader.key(), key.size());
+    const std::size_t size = key.size();
+    if (!reader.atLeast(bound.bytes()) || !isBelow(reader.key(), key, size))
+        return false;
+    if (&out != &parent)
+        out = parent;
+    return moveTo(out, reader.key(), size);
 }
 
 bool ItemNavigation::next(StoreReader& reader, Item& position) {

@@ -74,6 +74,7 @@ void StoreCore::forgetSnapshot() {
     storage::ThreadState& state = thread();
     if (state.cursor == nullptr || isForeignProcess())
         return;
+    state.room.forget();
     const std::lock_guard guard(state.cursor->lock);
     if (!state.cursor->closed)
         state.cursor->rest();
@@ -177,6 +178,7 @@ void StoreCore::beginSteady() {
     ThreadState& state = thread();
     if (state.steadyDepth++ != 0)
         return;
+    state.room.forget();
     auto cursor = engine_->makeSteadyCursor();
     state.steady = cursor != nullptr;
     if (state.steady)
@@ -193,7 +195,7 @@ void StoreCore::endSteady() {
     }
     state.cursor = std::exchange(state.parked, nullptr);
     state.steady = false;
-    state.movedAt = 0;
+    state.room.forget();
 }
 
 bool StoreCore::isSteadyLost() {

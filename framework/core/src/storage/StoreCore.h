@@ -31,19 +31,30 @@ class StoreCore {
 
     /// Runs `action(reader)` on the newest state; false when the store cannot be read.
     template <typename Action>
-    bool read(Action action, storage::StoreReader::Use use = storage::StoreReader::Use::move) {
+    bool read(Action action) {
         if (!isUsable())
             return false;
         storage::ThreadState& state = thread();
         bool snapshotTaken = false;
         bool result = false;
         {
-            storage::StoreReader reader(*engine_, overlay_, state, use, snapshotTaken);
+            storage::StoreReader reader(*engine_, overlay_, state, snapshotTaken);
             result = reader.isReady() && action(reader);
         }
         if (snapshotTaken)
             commits_->snapshotTaken();
         return result;
+    }
+
+    /// The value of this thread's last move, once, while its snapshot lives and this process has written nothing since.
+    bool takeHeld(storage::Bytes key, ConstByteSpan& value) {
+        storage::ThreadState& state = thread();
+        if (!state.room.holds(key, overlay_.generation()) ||
+            !state.cursor->touched.load(std::memory_order_relaxed))
+            return false;
+        state.room.forget();
+        value = state.room.value();
+        return true;
     }
 
     /// The next read of this thread sees what all others have committed, however recently.

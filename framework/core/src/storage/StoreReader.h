@@ -12,12 +12,9 @@ namespace qel::storage {
 /// map. Keys found are valid until the object goes.
 class StoreReader {
   public:
-    /// A `fetch` may follow a move in the move's snapshot, when this process changed nothing in between.
-    enum class Use { move, fetch };
-
     /// Takes the thread's cursor for the object's lifetime, and the overlay from the first operation on that has to look
     /// into it.
-    StoreReader(Engine& engine, const Overlay& overlay, ThreadState& state, Use use, bool& snapshotTaken)
+    StoreReader(Engine& engine, const Overlay& overlay, ThreadState& state, bool& snapshotTaken)
         : engine_(engine),
           overlay_(overlay),
           state_(state),
@@ -25,16 +22,14 @@ class StoreReader {
         if (state.cursor == nullptr)
             state.cursor = engine.makeCursor();
         cursor_ = state.cursor.get();
+        state.room.forget();
         // First the overlay, then the snapshot: what leaves the overlay meanwhile is in the snapshot.
         generation_ = overlay.generation();
-        const bool follows = use == Use::fetch && state.movedAt == generation_;
-        state.movedAt = use == Use::move ? generation_ : 0;
         if (somePending_ && state.nearPending)
             lockOverlay();
         cursor_->lock.lock();
         const bool wasLive = cursor_->isLive();
-        ready_ = !cursor_->closed &&
-                 ((follows && wasLive) || cursor_->refresh() == Refreshed::ok || refreshAgain(engine));
+        ready_ = !cursor_->closed && (cursor_->refresh() == Refreshed::ok || refreshAgain(engine));
         snapshotTaken = !wasLive;
     }
     ~StoreReader() { cursor_->lock.unlock(); }
@@ -53,6 +48,13 @@ class StoreReader {
 
     Bytes key() const { return key_; }
     Bytes value() const { return value_; }
+    /// Copies the value that was found to the thread's room.
+    ConstByteSpan hold() { return state_.room.hold(value_); }
+    /// The same for the next `fetch`, with the key, if it has no more than `size` bytes and the value is small.
+    void holdForFetch(std::size_t size) {
+        if (key_.size() == size && value_.size() <= FetchRoom::unasked)
+            state_.room.hold(key_, value_, generation_);
+    }
 
   private:
     bool refreshAgain(Engine& engine);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "storage/Engine.h"
+#include "storage/FetchRoom.h"
 #include "storage/PendingWrites.h"
 
 namespace qel::storage {
@@ -32,12 +33,10 @@ struct ThreadState {
     int steadyDepth = 0;
     bool steady = false;
     std::shared_ptr<EngineCursor> parked;
-    std::vector<unsigned char> fetched;
+    FetchRoom room;
     Gap gap;
     // The last read went among what is pending, and so will the next: it locks the overlay at once.
     bool nearPending = false;
-    // The overlay's generation at the last move, until something else is read; 0 then.
-    std::uint64_t movedAt = 0;
 
     std::shared_ptr<Fate> fate = std::make_shared<Fate>();
     // Of the open write batch; null outside of one.
