@@ -135,7 +135,10 @@ class QELCORE_EXPORT Item {
     // Short keys and values, which are nearly all of them, need no memory of their own.
     static constexpr unsigned inlineCapacity = 60;
 
-    unsigned char* reserve(std::size_t extra);
+    unsigned char* reserve(std::size_t extra) {
+        return extra <= capacity_ - size_ ? data_ + size_ : grow(extra);
+    }
+    unsigned char* grow(std::size_t extra);
     void assign(const unsigned char* data, std::size_t size);
     std::size_t lastElement() const;
     void addElement(unsigned char tag, const void* data, std::size_t size);

@@ -75,21 +75,19 @@ Item::~Item() {
         delete[] data_;
 }
 
-// Makes room for `extra` bytes more and returns where they go. What was there stays readable at its old place until
-// the caller has copied, because it may append a part of itself: see the callers.
-unsigned char* Item::reserve(std::size_t extra) {
+// Makes room for `extra` bytes more and returns where they go. What was there has moved: see the callers, which may append
+// a part of the item itself.
+unsigned char* Item::grow(std::size_t extra) {
     const std::size_t needed = size_ + extra;
     if (extra > longestItem || needed > longestItem)
         throw std::length_error("an item cannot hold more than 1 GiB");
-    if (needed > capacity_) {
-        const std::size_t capacity = std::max<std::size_t>(needed, capacity_ * std::size_t{2});
-        auto* const fresh = new unsigned char[capacity];
-        std::memcpy(fresh, data_, size_);
-        if (data_ != inline_)
-            delete[] data_;
-        data_ = fresh;
-        capacity_ = static_cast<unsigned>(capacity);
-    }
+    const std::size_t capacity = std::clamp(capacity_ * std::size_t{2}, needed, longestItem);
+    auto* const fresh = new unsigned char[capacity];
+    std::memcpy(fresh, data_, size_);
+    if (data_ != inline_)
+        delete[] data_;
+    data_ = fresh;
+    capacity_ = static_cast<unsigned>(capacity);
     return data_ + size_;
 }
 

@@ -73,7 +73,7 @@ const Byte* checkElement(const Byte* at, const Byte* end, int depthLeft) {
         return nullptr;
     if (isInteger(code)) {
         long long ignored;
-        return decodeInteger(at, after, ignored) ? after : nullptr;
+        return takeInteger(at, after, ignored);
     }
     if (code == text || code == bytes)
         return isEscapedWell(at + 1, after - 1) ? after : nullptr;
@@ -95,21 +95,36 @@ std::size_t encodeInteger(long long value, unsigned char* out) {
     return 1 + length;
 }
 
+namespace {
+
+[[gnu::noinline]] const Byte* mixedEnd(const Byte* at, const Byte* end, int depth) {
+    while (at != end && *at != endMark) {
+        at = elementEnd(at, end, depth);
+        if (at == nullptr)
+            return nullptr;
+    }
+    return at == end ? nullptr : at + 1;
+}
+
+}  // namespace
+
 const unsigned char* longElementEnd(const unsigned char* at, const unsigned char* end, int depth) {
     const Byte code = *at++;
-    if (code == text || code == bytes) {
-        const Byte* const mark = findEndMark(at, end);
-        return mark == nullptr ? nullptr : mark + 1;
-    }
     if (code == nested) {
         if (depth >= Item::maxDepth)
             return nullptr;
-        while (at != end && *at != endMark) {
-            at = elementEnd(at, end, depth + 1);
-            if (at == nullptr)
+        // Most of what is nested are a time and another integer.
+        while (at != end && isInteger(*at)) {
+            const unsigned length = integerLength(*at);
+            if (static_cast<std::size_t>(end - at) <= length)
                 return nullptr;
+            at += 1 + length;
         }
-        return at == end ? nullptr : at + 1;
+        return at != end && *at == endMark ? at + 1 : mixedEnd(at, end, depth + 1);
+    }
+    if (code == text || code == bytes) {
+        const Byte* const mark = findEndMark(at, end);
+        return mark == nullptr ? nullptr : mark + 1;
     }
     return code == boolFalse || code == boolTrue ? at : nullptr;
 }
@@ -123,13 +138,13 @@ bool isWellFormed(const unsigned char* at, const unsigned char* end, int maxDept
     return true;
 }
 
-bool decodeInteger(const unsigned char* at, const unsigned char* end, long long& value) {
+const unsigned char* takeInteger(const unsigned char* at, const unsigned char* end, long long& value) {
     if (at == end || !isInteger(*at))
-        return false;
+        return nullptr;
     const Byte code = *at++;
     const unsigned length = integerLength(code);
     if (static_cast<std::size_t>(end - at) < length)
-        return false;
+        return nullptr;
     const bool negative = code < integerZero;
     unsigned long long raw = readNumber(at, length);
     if (negative && length < sizeof raw)
@@ -137,10 +152,10 @@ bool decodeInteger(const unsigned char* at, const unsigned char* end, long long&
     if (length != 0) {
         const unsigned long long magnitude = negative ? ~raw : raw;
         if (magnitude >> 63 || bytesOf(magnitude) != length || raw == 0)
-            return false;
+            return nullptr;
     }
     value = static_cast<long long>(raw);
-    return true;
+    return at + length;
 }
 
 bool unescape(const unsigned char* at, const unsigned char* end, std::string& out) {

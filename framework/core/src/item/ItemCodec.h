@@ -78,8 +78,8 @@ inline bool areEqual(const void* a, const void* b, std::size_t size) {
     return wordAt(left + last) == wordAt(right + last);
 }
 
-/// The integer of the element at `at`, which ends at `end`; false when it is no integer in its one valid form.
-bool decodeInteger(const unsigned char* at, const unsigned char* end, long long& value);
+/// Reads the integer at `at` and returns where it ends; null when there is none in its one valid form before `end`.
+const unsigned char* takeInteger(const unsigned char* at, const unsigned char* end, long long& value);
 
 /// The first endMark or escape at or behind `at`, or `end`: where a text that holds no escape ends. Texts are short, so
 /// eight bytes at a time beat a call.

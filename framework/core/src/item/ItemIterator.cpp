@@ -63,7 +63,7 @@ bool elementText(const unsigned char* at, const unsigned char* after, std::strin
             out = scratch;
             return true;
         default:
-            if (!codec::decodeInteger(at, after, number))
+            if (codec::takeInteger(at, after, number) == nullptr)
                 return false;
             out = printNumber(number, scratch);
             return true;
@@ -92,8 +92,8 @@ bool Item::Iterator::decodeElementAsString(String& value) {
 }
 
 bool Item::Iterator::decodeElementAsInteger(long long& value) {
-    const unsigned char* const after = codec::elementEnd(at_, end_);
-    if (after == nullptr || !codec::decodeInteger(at_, after, value))
+    const unsigned char* const after = codec::takeInteger(at_, end_, value);
+    if (after == nullptr)
         return false;
     at_ = after;
     return true;

@@ -91,7 +91,7 @@ bool printElement(const Byte* at, const Byte* after, std::string& out) {
             print(at + 1, after - 1, out);
             return true;
         default:
-            if (!decodeInteger(at, after, number))
+            if (takeInteger(at, after, number) == nullptr)
                 return false;
             out += std::to_string(number);
             return true;

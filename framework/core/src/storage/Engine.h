@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -69,6 +70,8 @@ class EngineCursor {
     std::atomic<bool> touched{false};
     /// Retired; nothing else may be called.
     bool closed = false;
+    /// The overlay's, when the snapshot was last known to be the newest.
+    std::uint64_t generation = 0;
 
     /// Makes the snapshot the newest. Forgets the position when the snapshot changes.
     virtual Refreshed refresh() = 0;
@@ -88,8 +91,21 @@ class EngineCursor {
     virtual bool seekBefore(Bytes key) = 0;
     /// To exactly this key; false when it does not exist, and then the position is anywhere.
     bool find(Bytes key) { return seek(key) && key_ == key; }
+    struct Entry {
+        Bytes key;
+        Bytes value;
+    };
     /// From a position that the last operation found: to the neighbour.
-    virtual bool step() = 0;
+    bool step() {
+        if (runAt_ == runEnd_)
+            return stepFurther();
+        const Entry& next = run_[runAt_++];
+        key_ = next.key;
+        value_ = next.value;
+        return true;
+    }
+    /// What `step` would find without a look at the engine; null when it would have to look.
+    const Entry* ahead() const { return runAt_ == runEnd_ ? nullptr : &run_[runAt_]; }
     virtual bool stepBack() = 0;
 
     bool positioned() const { return positioned_; }
@@ -101,10 +117,19 @@ class EngineCursor {
     }
 
   protected:
+    static constexpr unsigned longestRun = 16;
+
+    /// A step for which nothing was read ahead.
+    virtual bool stepFurther() = 0;
+
     Bytes key_;
     Bytes value_;
     bool positioned_ = false;
     bool live_ = false;
+    // What lies behind the position and was read ahead in the snapshot, for who wants to.
+    unsigned runAt_ = 0;
+    unsigned runEnd_ = 0;
+    std::array<Entry, longestRun> run_;
 };
 
 /// What keeps the entries. Cursors come from any thread; `commit`, `adoptGrowth` are called by one thread at a time.

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -14,19 +13,20 @@ namespace qel::storage {
 /// as it goes, and the `fetch` that follows need not look into the store again.
 class FetchRoom {
   public:
-    /// Values up to here are copied by a walk before anybody asked for them.
-    static constexpr std::size_t unasked = 1024;
-
     ConstByteSpan hold(Bytes value) {
         generation_ = 0;
         return put({}, value);
     }
-    /// Found under that key when the overlay had that generation (never 0).
-    ConstByteSpan hold(Bytes key, Bytes value, std::uint64_t generation) {
+    /// An entry that a move found when the overlay had that generation (never 0): kept with its key if that is what the move
+    /// came to, and the value is small.
+    void holdForFetch(Bytes key, Bytes value, std::size_t size, std::uint64_t generation) {
+        generation_ = 0;
+        if (key.size() != size || value.size() > unasked)
+            return;
         generation_ = generation;
-        keySize_ = key.size();
+        keySize_ = size;
         valueSize_ = value.size();
-        return put(key, value);
+        put(key, value);
     }
     void forget() { generation_ = 0; }
     bool holds(Bytes key, std::uint64_t generation) const {
@@ -36,23 +36,28 @@ class FetchRoom {
     ConstByteSpan value() const { return {room_.data() + keySize_, valueSize_}; }
 
   private:
+    // Values up to here are copied by a walk before anybody asked for them.
+    static constexpr std::size_t unasked = 1024;
     // Larger values give their room back.
     static constexpr std::size_t keptBytes = std::size_t{64} << 10;
 
     ConstByteSpan put(Bytes key, Bytes value) {
         const std::size_t size = key.size() + value.size();
-        if (room_.size() < size + 1 || (room_.size() > keptBytes && size < keptBytes))
-            room_ = std::vector<unsigned char>(std::max<std::size_t>(512, size + 1));
+        if (size >= room_.size() || room_.size() > keptBytes)
+            fit(size);
         unsigned char* const at = room_.data();
         // The engine has them side by side.
-        if (!key.empty() && key.data() + key.size() == value.data()) {
-            std::memcpy(at, key.data(), size);
+        if (key.data() + key.size() == value.data()) {
+            if (size != 0)
+                std::memcpy(at, key.data(), size);
         } else {
             key.copy(reinterpret_cast<char*>(at), key.size());
             value.copy(reinterpret_cast<char*>(at + key.size()), value.size());
         }
         return {at + key.size(), value.size()};
     }
+    void fit(std::size_t size);
+
     std::vector<unsigned char> room_;
     std::size_t keySize_ = 0;
     std::size_t valueSize_ = 0;

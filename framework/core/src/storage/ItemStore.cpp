@@ -124,7 +124,13 @@ bool ItemStore::child(const Item& parent, Item& out) {
 }
 
 bool ItemStore::next(Item& position) {
-    return core_->read([&](StoreReader& reader) {
+    const auto goOn = [&](storage::EngineCursor& cursor, storage::FetchRoom& room) {
+        if (!ItemNavigation::stepAhead(cursor, position))
+            return false;
+        room.holdForFetch(cursor.key(), cursor.value(), position.size(), cursor.generation);
+        return true;
+    };
+    return core_->readAhead(goOn) || core_->read([&](StoreReader& reader) {
         if (!ItemNavigation::next(reader, position))
             return false;
         reader.holdForFetch(position.size());
@@ -133,10 +139,16 @@ bool ItemStore::next(Item& position) {
 }
 
 bool ItemStore::next(Item& position, ConstByteSpan& value) {
-    return core_->read([&](StoreReader& reader) {
+    // A place that exists only through what lies below it has no value.
+    const auto goOn = [&](storage::EngineCursor& cursor, storage::FetchRoom& room) {
+        if (!ItemNavigation::stepAhead(cursor, position))
+            return false;
+        value = cursor.key().size() == position.size() ? room.hold(cursor.value()) : ConstByteSpan();
+        return true;
+    };
+    return core_->readAhead(goOn) || core_->read([&](StoreReader& reader) {
         if (!ItemNavigation::next(reader, position))
             return false;
-        // A place that exists only through what lies below it has no value.
         value = reader.key().size() == position.size() ? reader.hold() : ConstByteSpan();
         return true;
     });

@@ -1,5 +1,8 @@
 #include "storage/LmdbCursor.h"
 
+#include <algorithm>
+#include <string>
+
 #include "storage/LmdbEngine.h"
 #include "storage/LmdbGuard.h"
 
@@ -24,6 +27,7 @@ void LmdbCursor::drop() {
 
 void LmdbCursor::rest() {
     positioned_ = false;
+    runAt_ = runEnd_ = 0;
     if (live_)
         mdb_txn_reset(transaction_);
     live_ = false;
@@ -71,20 +75,37 @@ bool LmdbCursor::begin(int& error) {
     return false;
 }
 
+namespace {
+
+// The engine reads a page of zeros as entries with empty keys, which it never stores.
+int checked(int error, const MDB_val& key) {
+    return error == 0 && key.mv_size == 0 ? MDB_CORRUPTED : error;
+}
+
+Bytes bytesOf(const MDB_val& value) {
+    return {static_cast<const char*>(value.mv_data), value.mv_size};
+}
+
+}  // namespace
+
 bool LmdbCursor::place(MDB_val& key, MDB_cursor_op op) {
+    runAt_ = runEnd_ = 0;
+    runLength_ = 1;
     // A damaged page has ended the transaction.
     if (cursor_ == nullptr)
         return false;
     MDB_val value;
-    int error = unlessDamaged([&] { return mdb_cursor_get(cursor_, &key, &value, op); });
-    // The engine reads a page of zeros as entries with empty keys, which it never stores.
-    if (error == 0 && key.mv_size == 0)
-        error = MDB_CORRUPTED;
+    const int error = checked(unlessDamaged([&] { return mdb_cursor_get(cursor_, &key, &value, op); }), key);
+    if (error == 0) {
+        key_ = bytesOf(key);
+        value_ = bytesOf(value);
+    }
+    return settle(error);
+}
+
+bool LmdbCursor::settle(int error) {
     positioned_ = error == 0;
-    if (positioned_) {
-        key_ = {static_cast<const char*>(key.mv_data), key.mv_size};
-        value_ = {static_cast<const char*>(value.mv_data), value.mv_size};
-    } else if (error != MDB_NOTFOUND) {
+    if (error != 0 && error != MDB_NOTFOUND) {
         drop();
         ++engine_.readFaults;
         engine_.tellReadFault(error);
@@ -98,20 +119,52 @@ bool LmdbCursor::seek(Bytes key) {
 }
 
 bool LmdbCursor::seekBefore(Bytes key) {
-    return seek(key) ? move(MDB_PREV) : move(MDB_LAST);
+    MDB_val found;
+    return place(found, seek(key) ? MDB_PREV : MDB_LAST);
 }
 
-bool LmdbCursor::move(MDB_cursor_op op) {
+bool LmdbCursor::stepBack() {
+    // The engine's cursor stands ahead, at the end of what was read.
+    if (runAt_ != runEnd_)
+        return seekBefore(key_);
+    MDB_val found;
+    return place(found, MDB_PREV);
+}
+
+// A walk steps on and on: each time twice as many are read, since most of what a step costs comes once for all of them.
+bool LmdbCursor::stepFurther() {
+    if (cursor_ == nullptr)
+        return positioned_ = false;
+    const unsigned length = runLength_;
+    runLength_ = std::min(2 * length, longestRun);
+    runAt_ = runEnd_ = 0;
+    const int error = unlessDamaged([&] { return readRun(length); });
+    if (error != 0 && error != MDB_NOTFOUND && length != 1)
+        return stepPastFault();
+    return settle(runEnd_ == 0 ? error : 0) && step();
+}
+
+int LmdbCursor::readRun(unsigned length) {
     MDB_val key;
-    const char* const last = key_.data();
-    if (!place(key, op))
-        return false;
-    // Entries that were written in order lie at even distances: the one after the next is asked for in time.
-    const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(key_.data());
-    const std::uintptr_t ahead = at + 3 * (at - reinterpret_cast<std::uintptr_t>(last));
-    for (std::uintptr_t line = 0; line < 192; line += 64)
-        __builtin_prefetch(reinterpret_cast<const void*>(ahead + line));
-    return true;
+    MDB_val value;
+    for (runEnd_ = 0; runEnd_ != length; ++runEnd_) {
+        const int error = checked(mdb_cursor_get(cursor_, &key, &value, MDB_NEXT), key);
+        if (error != 0)
+            return error;
+        run_[runEnd_] = {bytesOf(key), bytesOf(value)};
+        // Small entries are on their way from memory by the time the walk comes to them.
+        for (std::size_t line = 0; line < 192; line += 64)
+            __builtin_prefetch(static_cast<const char*>(key.mv_data) + line);
+    }
+    return 0;
+}
+
+// What could be read before a damaged page is still to be found, one by one.
+bool LmdbCursor::stepPastFault() {
+    const std::string here(key_);
+    drop();
+    int error = 0;
+    return begin(error) && find(here) && step();
 }
 
 }  // namespace qel::storage

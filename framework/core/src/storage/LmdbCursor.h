@@ -17,8 +17,7 @@ class LmdbCursor final : public EngineCursor {
     void rest() override;
     bool seek(Bytes key) override;
     bool seekBefore(Bytes key) override;
-    bool step() override { return move(MDB_NEXT); }
-    bool stepBack() override { return move(MDB_PREV); }
+    bool stepBack() override;
 
     void retire() override;
     /// Gives up everything that belongs to the environment, which is about to go.
@@ -26,13 +25,17 @@ class LmdbCursor final : public EngineCursor {
 
   private:
     bool begin(int& error);
-    bool move(MDB_cursor_op op);
+    bool stepFurther() override;
+    int readRun(unsigned length);
+    bool stepPastFault();
     bool place(MDB_val& key, MDB_cursor_op op);
+    bool settle(int error);
 
     LmdbEngine& engine_;
     MDB_txn* transaction_ = nullptr;
     MDB_cursor* cursor_ = nullptr;
     std::size_t snapshot_ = 0;
+    unsigned runLength_ = 1;
 };
 
 }  // namespace qel::storage

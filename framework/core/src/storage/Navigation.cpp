@@ -90,6 +90,17 @@ bool ItemNavigation::next(StoreReader& reader, Item& position) {
     return found && isBelow(reader.key(), key, parent) && moveTo(position, reader.key(), parent);
 }
 
+bool ItemNavigation::stepAhead(storage::EngineCursor& cursor, Item& position) {
+    const auto* const ahead = cursor.ahead();
+    const Bytes key = bytesOf(position);
+    if (ahead == nullptr || !cursor.isAt(key))
+        return false;
+    const std::size_t parent = position.lastElement();
+    const Bytes found = ahead->key;
+    return isBelow(found, key, parent) && !isDescendant(found, key, parent) && cursor.step() &&
+           moveTo(position, found, parent);
+}
+
 bool ItemNavigation::prev(StoreReader& reader, Item& position) {
     if (position.isEmpty())
         return false;

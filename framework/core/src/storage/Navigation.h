@@ -13,6 +13,8 @@ class ItemNavigation {
   public:
     static bool child(storage::StoreReader& reader, const Item& parent, Item& out);
     static bool next(storage::StoreReader& reader, Item& position);
+    /// `next` where the cursor has read ahead and the sibling is the next entry; false, and nothing done, where not.
+    static bool stepAhead(storage::EngineCursor& cursor, Item& position);
     static bool prev(storage::StoreReader& reader, Item& position);
     static bool nextKey(storage::StoreReader& reader, Item& position);
 

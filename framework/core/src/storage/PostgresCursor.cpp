@@ -134,7 +134,7 @@ bool PostgresCursor::seekBefore(Bytes key) {
     return readBefore(key);
 }
 
-bool PostgresCursor::step() {
+bool PostgresCursor::stepFurther() {
     if (page_.isStale())
         return readFrom(std::string(key_) + '\0');
     if (row_ + 1 < page_.size())

@@ -39,10 +39,10 @@ class PostgresCursor final : public EngineCursor {
     bool isLost() const override { return snapshot_.lost; }
     bool seek(Bytes key) override;
     bool seekBefore(Bytes key) override;
-    bool step() override;
     bool stepBack() override;
 
   private:
+    bool stepFurther() override;
     bool standAt(std::size_t row);
     bool standNowhere();
     bool readFrom(Bytes key);

@@ -46,6 +46,18 @@ class StoreCore {
         return result;
     }
 
+    /// `action(cursor, room)` where a walk of this thread goes on in what it has read ahead: nothing is pending, this process
+    /// has committed nothing since, and the snapshot was in use a moment ago. False where it has to look.
+    template <typename Action>
+    bool readAhead(Action action) {
+        storage::ThreadState& state = thread();
+        if (!isUsable() || state.cursor == nullptr || !overlay_.isEmpty())
+            return false;
+        storage::EngineCursor& cursor = *state.cursor;
+        const std::lock_guard guard(cursor.lock);
+        return cursor.generation == overlay_.generation() && action(cursor, state.room);
+    }
+
     /// The value of this thread's last move, once, while its snapshot lives and this process has written nothing since.
     bool takeHeld(storage::Bytes key, ConstByteSpan& value) {
         storage::ThreadState& state = thread();

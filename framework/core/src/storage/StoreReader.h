@@ -31,6 +31,7 @@ class StoreReader {
         const bool wasLive = cursor_->isLive();
         ready_ = !cursor_->closed && (cursor_->refresh() == Refreshed::ok || refreshAgain(engine));
         snapshotTaken = !wasLive;
+        cursor_->generation = generation_;
     }
     ~StoreReader() { cursor_->lock.unlock(); }
     StoreReader(const StoreReader&) = delete;
@@ -50,11 +51,8 @@ class StoreReader {
     Bytes value() const { return value_; }
     /// Copies the value that was found to the thread's room.
     ConstByteSpan hold() { return state_.room.hold(value_); }
-    /// The same for the next `fetch`, with the key, if it has no more than `size` bytes and the value is small.
-    void holdForFetch(std::size_t size) {
-        if (key_.size() == size && value_.size() <= FetchRoom::unasked)
-            state_.room.hold(key_, value_, generation_);
-    }
+    /// The same for the next `fetch`, where a move came to a key of so many bytes.
+    void holdForFetch(std::size_t size) { state_.room.holdForFetch(key_, value_, size, generation_); }
 
   private:
     bool refreshAgain(Engine& engine);

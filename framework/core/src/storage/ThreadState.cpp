@@ -1,5 +1,6 @@
 #include "storage/ThreadState.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -29,6 +30,11 @@ bool isOver(const Place& place) {
 }
 
 }  // namespace
+
+void FetchRoom::fit(std::size_t size) {
+    if (size >= room_.size() || size < keptBytes)
+        room_ = std::vector<unsigned char>(std::max<std::size_t>(512, size + 1));
+}
 
 ThreadState::~ThreadState() {
     if (cursor == nullptr)
