@@ -49,10 +49,10 @@ bool LogRange::next() {
 long long LogRange::time() const {
     // Everything in the log begins with its path, so the last element begins behind it.
     Item::Iterator element(ConstByteSpan(position_.data() + pathSize_, position_.size() - pathSize_));
-    Item last;
+    ConstByteSpan last;
     long long time = 0;
     if (element.decodeElementAsItem(last))
-        last.decodeElementAsInteger(time);
+        Item::Iterator(last).decodeElementAsInteger(time);
     return time;
 }
 

@@ -1,8 +1,12 @@
 #include "auditing/AuditExport.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
+#include <filesystem>
 #include <limits>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -26,6 +30,26 @@ const std::string header = "Time;User;Device;Event;Param0;Param1;Param2;Param3;P
 constexpr long long march = 1614949509000000;
 constexpr long long earliest = std::numeric_limits<long long>::min();
 constexpr long long latest = std::numeric_limits<long long>::max();
+
+/// Files of this process may not grow beyond.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit{bytes, before_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &before_);
+        signal(SIGXFSZ, handler_);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+  private:
+    rlimit before_{};
+    void (*handler_)(int);
+};
 
 class AuditExportTest : public ::testing::Test {
   protected:
@@ -189,9 +213,40 @@ TEST_F(AuditExportTest, ExportThatNobodyWaitsForIsGivenUpAndLeavesNoFile) {
     EXPECT_EQ(TemporaryFolder::read(file()), exported(earliest, latest));
 }
 
-TEST_F(AuditExportTest, FullDiskIsNotNoticed) {
+TEST_F(AuditExportTest, FullDiskIsLoggedAndTheCallerIsNotTold) {
     record(10, event("a", "", ""));
+    logging::CaptureSink log;
     EXPECT_NO_THROW(AuditExport::exportCSV("/dev/full", log_, earliest, latest));
+    EXPECT_EQ(log.texts(logging::levelError).back(),
+              "The export to /dev/full was given up: No space left on device");
+}
+
+TEST_F(AuditExportTest, FileThatCouldNotBeWrittenToItsEndIsRemoved) {
+    WriteBatch batch;
+    for (long long time = 0; time < 1000; ++time)
+        record(time, event("a", "", ""));
+    batch.commit();
+    logging::CaptureSink log;
+    const FileSizeLimit limit(4096);
+    AuditExport::exportCSV(file().c_str(), log_, earliest, latest);
+    EXPECT_FALSE(std::filesystem::exists(file()));
+    EXPECT_TRUE(log.contains("was given up: File too large"));
+}
+
+TEST_F(AuditExportTest, LinesOfAnyLengthComeInTheirOrder) {
+    std::string expected = header;
+    WriteBatch batch;
+    for (long long time = 0; time < 1000; ++time) {
+        const std::string user(time % 100 == 50 ? 40000 : 20, static_cast<char>('a' + time % 26));
+        record(march + time * 1000000, event(user, "", ""));
+        expected += user + '\n';
+    }
+    batch.commit();
+    std::string found = header;
+    std::istringstream lines(exported(earliest, latest).substr(header.size()));
+    for (std::string line; std::getline(lines, line);)
+        found += line.substr(20, line.find(';', 20) - 20) + '\n';
+    EXPECT_EQ(found, expected);
 }
 
 TEST_F(AuditExportTest, EntryWithoutValueIsALineInTheFileAndNoneInTheLines) {

@@ -70,6 +70,13 @@ bool elementText(const unsigned char* at, const unsigned char* after, std::strin
     }
 }
 
+// Where the element ends; null when it has no text. Out of line, or the plain texts would pay for its frame.
+[[gnu::noinline]] const unsigned char* textOfOther(const unsigned char* at, const unsigned char* end,
+                                                   std::string_view& out, std::string& scratch) {
+    const unsigned char* const after = codec::elementEnd(at, end);
+    return after != nullptr && elementText(at, after, out, scratch) ? after : nullptr;
+}
+
 }  // namespace
 
 bool Item::Iterator::skip() {
@@ -159,8 +166,8 @@ bool Item::Iterator::convertAsText(std::string_view& text, std::string& scratch)
             return true;
         }
     }
-    const unsigned char* const after = codec::elementEnd(at_, end_);
-    if (after == nullptr || !elementText(at_, after, text, scratch))
+    const unsigned char* const after = textOfOther(at_, end_, text, scratch);
+    if (after == nullptr)
         return false;
     at_ = after;
     return true;
