@@ -107,7 +107,8 @@ class QELCORE_EXPORT Item {
     /// child may exist only through its descendants: its `fetch` is null. `out` may be this item.
     bool child(Item& out) const;
     /// Moves to the nearest existing sibling behind this position, which need not exist itself; descendants
-    /// are passed over. False, and unmoved, when there is none.
+    /// are passed over. False, and unmoved, when there is none. A walk may see what other processes change in
+    /// the next sixteen entries only 200 ms later.
     bool next();
     /// As `next`, and sets `value` to what `fetch` returns there: one look at the store instead of two, for
     /// walks that read every entry.
