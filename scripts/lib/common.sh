@@ -107,3 +107,8 @@ build_preset() {
     cmake --preset "$preset"
     cmake --build --preset "$preset" --parallel "${BUILD_JOBS:-$(nproc)}" ${1:+--target "$@"}
 }
+
+build_benchmarks() {
+    cmake --preset release -DQEL_BUILD_BENCHMARKS=ON
+    cmake --build --preset release --parallel "$(nproc)"
+}
