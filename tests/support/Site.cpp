@@ -35,9 +35,8 @@ void setKey(const std::string& file, const std::string& key, const std::string& 
     std::ofstream(file, std::ios::binary | std::ios::trunc) << text;
 }
 
-Site::Site() : port_(freePort()) {
-    require(runProgram({program("qel-audit"), "init", siteFolder(), "--server", "127.0.0.1"}, folder()),
-            "init");
+Site::Site(const std::string& server) : port_(freePort()) {
+    require(runProgram({program("qel-audit"), "init", siteFolder(), "--server", server}, folder()), "init");
     setKey(config(), "listen", "\"" + address() + "\"");
 }
 

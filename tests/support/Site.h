@@ -19,8 +19,9 @@ struct Workstation {
 /// workstations. The vocabulary of the system tests.
 class Site {
   public:
-    /// Makes the site with `qel-audit init`; the daemon does not run yet. Throws with the program's words on failure.
-    Site();
+    /// Makes the site of that server with `qel-audit init`; the daemon does not run yet, and will listen on the loopback
+    /// address. Throws with the program's words on failure.
+    explicit Site(const std::string& server = "127.0.0.1");
     ~Site();
 
     const std::string& folder() const { return folder_.path(); }

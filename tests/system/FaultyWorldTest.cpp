@@ -1,5 +1,8 @@
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -237,6 +240,28 @@ TEST_F(FaultyWorldTest, RestartsInAnyOrderLoseAndDoubleNothing) {
             }
     EXPECT_TRUE(empties(anna)) << agent->err();
     expectEachOnce({"anna"}, each * rounds);
+}
+
+/// The agent sees a hosts file of its own, as a name server that the test can change.
+TEST_F(FaultyWorldTest, AServerThatMovedIsFoundUnderItsNameByTheNextTry) {
+    site_ = std::make_unique<test::Site>("audit.test");
+    const Workstation anna = enrollImpatient();
+    test::setKey(anna.config(), "address", "\"audit.test:" + std::to_string(site_->port()) + "\"");
+    record(anna, 20);
+    site_->startDaemon();
+    const std::string hosts = site_->folder() + "/hosts";
+    std::ofstream(hosts) << "127.0.0.9 audit.test\n";
+    std::vector<std::string> command{"unshare", "--mount"};
+    if (geteuid() != 0)
+        command.emplace_back("--map-root-user");
+    command.insert(command.end(), {"sh", "-c", "mount --bind \"$0\" /etc/hosts && exec \"$@\"", hosts,
+                                   test::program("qel-audit"), "forward", "--config", anna.config()});
+    Process agent(command, site_->folder(), "agent");
+    EXPECT_TRUE(waitFor([&] { return agent.err().find("refused") != std::string::npos; })) << agent.err();
+    EXPECT_EQ(queued(*site_, anna), 20);
+    std::ofstream(hosts) << "127.0.0.1 audit.test\n";
+    EXPECT_TRUE(empties(anna)) << agent.err();
+    expectEachOnce({"anna"}, 20);
 }
 
 /// Run once more by itself where packets are lost, see tests/transport/lossy-network.
