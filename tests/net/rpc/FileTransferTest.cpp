@@ -170,8 +170,9 @@ TEST_F(RpcTest, WithoutATransferDirectoryNothingIsWrittenAnywhere) {
 }
 
 TEST_F(RpcTest, ACutAtEveryTenthLeavesNothingAtEitherEnd) {
-    const std::string content = largeText(2 << 20);
+    const std::string content = largeText(8 << 20);
     addSending("send", content);
+    int whole = 0;
     for (int tenth = 0; tenth < 10; ++tenth) {
         connect();
         RpcRequest request = requestFor("send", target("a.csv"));
@@ -189,6 +190,12 @@ TEST_F(RpcTest, ACutAtEveryTenthLeavesNothingAtEitherEnd) {
                 transport->cut();
         });
         EXPECT_EQ(reply.error, RpcError::connectionLost) << tenth;
+        // On a busy machine the cut may come after the client has confirmed the file: that one is whole and stays.
+        if (fs::exists(target("a.csv"))) {
+            EXPECT_EQ(contentOf(target("a.csv")), content) << tenth;
+            fs::remove(target("a.csv"));
+            ++whole;
+        }
         EXPECT_EQ(clientFiles(), 0u) << tenth;
         pumpUntil([&] { return guard.taken().size() == notedBefore + 1; });
         pumpUntil([&] { return callFolders() == 0; });
@@ -196,6 +203,7 @@ TEST_F(RpcTest, ACutAtEveryTenthLeavesNothingAtEitherEnd) {
         transport.reset();
         service.reset();
     }
+    EXPECT_LT(whole, 5);
     connect();
     ASSERT_TRUE(call(requestFor("send", target("a.csv"))));
     EXPECT_EQ(contentOf(target("a.csv")), content);
@@ -203,7 +211,7 @@ TEST_F(RpcTest, ACutAtEveryTenthLeavesNothingAtEitherEnd) {
 
 TEST_F(RpcTest, AClientThatTakesNothingIsGivenUpButOneThatIsOnlySlowIsNot) {
     serviceOptions.callSeconds = 4;
-    addSending("send", largeText(1 << 20));
+    addSending("send", largeText(4 << 20));
     connect();
     RpcRequest request = requestFor("send", target("a.csv"));
     request.window = 64 * 1024;
