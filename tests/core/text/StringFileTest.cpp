@@ -71,6 +71,12 @@ TEST_F(StringFile, MissingFileAndFolderLeaveTheTextAsItWas) {
     EXPECT_EQ(text, "old");
 }
 
+TEST_F(StringFile, WhatNeverEndsIsGivenUp) {
+    String text = "old";
+    EXPECT_FALSE(text.loadFromFile("/dev/zero"));
+    EXPECT_EQ(text, "old");
+}
+
 TEST_F(StringFile, FileThatCannotBeReadLeavesTheTextAsItWas) {
     String text = "old";
     EXPECT_FALSE(text.loadFromFile("/proc/self/mem"));

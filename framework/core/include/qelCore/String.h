@@ -96,7 +96,8 @@ class QELCORE_EXPORT String {
     bool begins_with(std::string_view prefix) const noexcept;
 
     /// Replaces this text by the whole content of a file, of any size that memory holds. False, with the text
-    /// as it was, when there is no such file, it is a directory, or it cannot be read to its end.
+    /// as it was, when there is no such file, it is a directory, or it cannot be read to its end: a pipe or a
+    /// device must end after at most 1 GiB.
     bool loadFromFile(const char* path);
 
     /// Creates or replaces the file with exactly this text. The text goes to a second file that then takes

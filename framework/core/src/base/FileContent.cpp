@@ -38,7 +38,10 @@ class FileHandle {
     int descriptor_;
 };
 
-bool readAll(int descriptor, std::string& content) {
+// What a pipe or a device may give, which may never end, and a file beyond the size it had.
+constexpr std::size_t mostUnannounced = std::size_t{1} << 30;
+
+bool readAll(int descriptor, std::size_t most, std::string& content) {
     std::vector<char> block(blockSize);
     for (;;) {
         const ssize_t count = ::read(descriptor, block.data(), block.size());
@@ -48,6 +51,8 @@ bool readAll(int descriptor, std::string& content) {
             return false;
         if (count > 0)
             content.append(block.data(), static_cast<std::size_t>(count));
+        if (content.size() > most)
+            return false;
     }
 }
 
@@ -110,9 +115,9 @@ bool readWholeFile(const char* path, std::string& content) {
         return false;
     try {
         std::string read;
-        if (S_ISREG(status.st_mode))
-            read.reserve(static_cast<std::size_t>(status.st_size));
-        if (!readAll(file.get(), read))
+        const auto size = S_ISREG(status.st_mode) ? static_cast<std::size_t>(status.st_size) : 0;
+        read.reserve(size);
+        if (!readAll(file.get(), size + mostUnannounced, read))
             return false;
         content.swap(read);
         return true;
