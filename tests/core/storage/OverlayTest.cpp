@@ -1,7 +1,12 @@
+#include <atomic>
+#include <cstdint>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
+#include <thread>
 
+#include "storage/PendingWrites.h"
 #include "support/StoreFixture.h"
 
 using namespace qel;
@@ -35,6 +40,41 @@ std::string walkModel(const std::map<long long, std::string>& model, bool forwar
 }
 
 }  // namespace
+
+// A reader keeps what it found as long as the generation is the same: if it took the one of a write without going among what
+// is pending, it would keep what the write has replaced.
+TEST(PendingOverlay, EveryGenerationTellsWhetherSomethingIsPendingInIt) {
+    storage::Overlay overlay;
+    std::set<std::uint64_t> whilePending;
+    std::set<std::uint64_t> empty;
+    std::set<std::uint64_t> looks;
+    std::atomic<bool> over{false};
+    std::thread reader([&] {
+        while (!over)
+            looks.insert(overlay.generation());
+    });
+    for (int i = 0; i < 2000; ++i) {
+        storage::PendingBatch older;
+        storage::PendingBatch newer;
+        for (storage::PendingBatch* batch : {&older, &newer}) {
+            overlay.put(batch->add("key", "value", false));
+            whilePending.insert(overlay.generation());
+        }
+        overlay.drop(older);
+        whilePending.insert(overlay.generation());
+        overlay.drop(newer);
+        empty.insert(overlay.generation());
+    }
+    over = true;
+    reader.join();
+    ASSERT_EQ(whilePending.size(), 6000U);
+    ASSERT_EQ(empty.size(), 2000U);
+    looks.insert(whilePending.begin(), whilePending.end());
+    looks.insert(empty.begin(), empty.end());
+    EXPECT_FALSE(looks.contains(0));
+    for (const std::uint64_t generation : looks)
+        ASSERT_EQ(storage::Overlay::isPending(generation), whilePending.contains(generation)) << generation;
+}
 
 TEST_F(PendingReads, AnOpenBatchIsSeenByItsProcess) {
     write(key(path("log"), 1), "old");

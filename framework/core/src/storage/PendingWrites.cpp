@@ -60,6 +60,12 @@ const Write& PendingBatch::add(Bytes key, Bytes value, bool removes,
     return writes_.back();
 }
 
+// Under the mutex, by one thread at a time.
+void Overlay::nextGeneration() {
+    const std::uint64_t even = (generation_.load(std::memory_order_relaxed) | 1) + 1;
+    generation_.store(even + (entries_.empty() ? 0 : 1), std::memory_order_release);
+}
+
 void Overlay::put(const Write& write) {
     const std::lock_guard guard(mutex);
     const auto [at, isNew] = entries_.try_emplace(write.key, Entry{write.value, write.removes});
@@ -68,8 +74,7 @@ void Overlay::put(const Write& write) {
         // The same bytes in the newer batch: the older one may go before the entry does.
         const_cast<Bytes&>(at->first) = write.key;
     }
-    ++generation_;
-    count_.store(entries_.size(), std::memory_order_release);
+    nextGeneration();
 }
 
 void Overlay::drop(const PendingBatch& batch) {
@@ -79,8 +84,7 @@ void Overlay::drop(const PendingBatch& batch) {
         if (at != entries_.end() && at->first.data() == write.key.data())
             entries_.erase(at);
     }
-    ++generation_;
-    count_.store(entries_.size(), std::memory_order_release);
+    nextGeneration();
 }
 
 }  // namespace qel::storage

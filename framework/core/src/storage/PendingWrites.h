@@ -75,19 +75,21 @@ class Overlay {
 
     mutable WriterFirstMutex mutex;
 
-    /// Without locking: false only when everything written before by this thread is in the engine's newest snapshot.
-    bool isEmpty() const { return count_.load(std::memory_order_acquire) == 0; }
-    /// Changes with every write of this process and with every commit; never 0.
+    /// Without locking. Changes with every write of this process and with every commit; never 0. Tells as well whether
+    /// something is pending: two looks, one after the other, could meet the time before a write and the time after it.
     std::uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
+    /// False only when everything written before that generation is in the engine's newest snapshot.
+    static bool isPending(std::uint64_t generation) { return generation % 2 != 0; }
     const Map& entries() const { return entries_; }
     void put(const Write& write);
     /// Takes out what is still the batch's own.
     void drop(const PendingBatch& batch);
 
   private:
+    void nextGeneration();
+
     Map entries_;
-    std::atomic<std::size_t> count_{0};
-    std::atomic<std::uint64_t> generation_{1};
+    std::atomic<std::uint64_t> generation_{2};
 };
 
 }  // namespace qel::storage

@@ -51,11 +51,12 @@ class StoreCore {
     template <typename Action>
     bool readAhead(Action action) {
         storage::ThreadState& state = thread();
-        if (!isUsable() || state.cursor == nullptr || !overlay_.isEmpty())
+        const std::uint64_t generation = overlay_.generation();
+        if (isForeignProcess() || state.cursor == nullptr || storage::Overlay::isPending(generation))
             return false;
         storage::EngineCursor& cursor = *state.cursor;
         const std::lock_guard guard(cursor.lock);
-        return cursor.generation == overlay_.generation() && action(cursor, state.room);
+        return cursor.generation == generation && action(cursor, state.room);
     }
 
     /// The value of this thread's last move, once, while its snapshot lives and this process has written nothing since.

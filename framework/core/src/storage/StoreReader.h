@@ -18,13 +18,13 @@ class StoreReader {
         : engine_(engine),
           overlay_(overlay),
           state_(state),
-          somePending_(!state.steady && !overlay.isEmpty()) {
+          // First the overlay, then the snapshot: what leaves the overlay meanwhile is in the snapshot.
+          generation_(overlay.generation()),
+          somePending_(!state.steady && Overlay::isPending(generation_)) {
         if (state.cursor == nullptr)
             state.cursor = engine.makeCursor();
         cursor_ = state.cursor.get();
         state.room.forget();
-        // First the overlay, then the snapshot: what leaves the overlay meanwhile is in the snapshot.
-        generation_ = overlay.generation();
         if (somePending_ && state.nearPending)
             lockOverlay();
         cursor_->lock.lock();
@@ -74,8 +74,8 @@ class StoreReader {
     Engine& engine_;
     const Overlay& overlay_;
     ThreadState& state_;
+    std::uint64_t generation_;
     const bool somePending_;
-    std::uint64_t generation_ = 0;
     EngineCursor* cursor_ = nullptr;
     const Overlay::Map* pending_ = nullptr;
     std::shared_lock<WriterFirstMutex> overlayLock_;
