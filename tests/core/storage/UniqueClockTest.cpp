@@ -130,6 +130,42 @@ TEST_F(Unique, ProcessesThatCommitOftenAndFollowEachOtherQuicklyDoNotDrift) {
     }
 }
 
+// Times of the true present are written while the clock is wild: the mark must not lead where no time was handed out.
+TEST_F(Unique, AMarkThatIsWrittenWhileTheClockIsWildStaysAtTheTimesHandedOut) {
+    FixedClock clock(start);
+    reopen();
+    for (int i = 0; i < 2; ++i) {
+        clock.set(start + i * 1000);
+        const long long time = store_->uniqueTime();
+        clock.set(start + 400 * day + i * 1000);
+        write(key(path("queue"), time), "event");
+        EXPECT_LT(store_->clock().committed, start + second);
+    }
+    clock.set(start + second);
+    reopen();
+    EXPECT_LT(store_->uniqueTime(), start + 2 * second);
+}
+
+// A commit that began while the clock was wild ends when the counter has gone back to the present.
+TEST(UniqueClock, AMarkOfAWildClockThatIsLateDoesNotCoverThePresent) {
+    storage::SharedPage shared;
+    const TemporaryFolder folder;
+    std::string reason;
+    ASSERT_TRUE(shared.open(folder / "shared", 0600, reason)) << reason;
+    storage::ClockPage& page = shared.clock();
+    storage::UniqueClock clock(page);
+    ASSERT_EQ(clock.next(start, 0), start);
+    ASSERT_EQ(clock.next(start + 400 * day, 0), start + 400 * day);
+    std::string record;
+    long long mark = 0;
+    ASSERT_TRUE(storage::UniqueClock::dueMark(page, start + 400 * day, record, mark));
+    const long long present = start + second;
+    ASSERT_EQ(clock.next(present, 0), present);
+    storage::UniqueClock::markCommitted(page, mark);
+    EXPECT_TRUE(storage::UniqueClock::dueMark(page, present, record, mark));
+    EXPECT_EQ(mark, present);
+}
+
 TEST_F(Unique, AWildClockDoesNotPoisonTheStoreAndNoTimeComesTwice) {
     std::set<long long> handedOut;
     const auto take = [&](long long now) {

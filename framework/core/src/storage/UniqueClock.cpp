@@ -143,14 +143,16 @@ Bytes UniqueClock::markKey() {
 }
 
 bool UniqueClock::dueMark(ClockPage& page, long long now, std::string& record, long long& mark) {
-    const long long last = page.last.load();
-    if (last <= page.committed.load())
+    if (page.last.load() <= page.committed.load())
         return false;
+    // The counter and the leaps that explain it belong together: a clock that goes back changes both.
+    const RobustLock guard(page.mutex);
+    const long long last = page.last.load();
     const long long since = now - page.marked.exchange(now);
-    mark = since >= 0 && since <= markLead ? std::max(last, now + markLead) : last;
+    const bool isAtPresent = now - last <= markLead;
+    mark = isAtPresent && since >= 0 && since <= markLead ? std::max(last, now + markLead) : last;
     Item item;
     item.addInteger(mark);
-    const RobustLock guard(page.mutex);
     item.addItem(pairsItem(page.leaps));
     item.addItem(pairsItem(page.skips));
     record.assign(reinterpret_cast<const char*>(item.data()), item.size());
@@ -158,6 +160,10 @@ bool UniqueClock::dueMark(ClockPage& page, long long now, std::string& record, l
 }
 
 void UniqueClock::markCommitted(ClockPage& page, long long mark) {
+    // The clock was wild when the mark was taken, and the counter went back to the present before it was durable.
+    const RobustLock guard(page.mutex);
+    if (mark > page.last.load() + 2 * markLead)
+        return;
     long long before = page.committed.load();
     while (before < mark && !page.committed.compare_exchange_weak(before, mark)) {
     }

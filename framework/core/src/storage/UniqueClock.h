@@ -12,8 +12,9 @@ namespace qel::storage {
 /// Hands out times that no process with the same store ever hands out again. The counter lies in the shared page and is
 /// advanced atomically. With the writes a mark goes into the store that no time stored so far lies behind; after a power
 /// cut the counter goes on from the mark. While commits follow each other quickly the mark runs ahead of the present by
-/// `markLead`, so that only some of them have to write it. It never runs ahead of the counter by more, nor from a counter that is
-/// ahead itself: a program that is started for every event would move further from the present with every start.
+/// `markLead`, so that only some of them have to write it. It runs ahead only of a counter that
+/// is at the present: not of one that is ahead itself, or a program that is started for every event would move further from
+/// the present with every start; nor of one that a wild clock has left behind, which would never come back.
 /// Any thread.
 class UniqueClock {
   public:
