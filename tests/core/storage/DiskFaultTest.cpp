@@ -342,6 +342,33 @@ TEST_F(DiskFault, AnEmptiedPageAnywhereEndsNoProcess) {
     EXPECT_GT(seen, 20);
 }
 
+// The environment is gone for good until the folder is back; whoever reads meanwhile finds nothing, and knows.
+TEST_F(DiskFault, AStoreThatReopensInVainCanBeAskedAndGoesOnLater) {
+    for (int i = 0; i < 100; ++i)
+        write(key(path("log"), i), "event");
+    const SteadyRead moment(store_.get());
+    Item position = key(path("log"), -1);
+    ASSERT_TRUE(position.next());
+    const logging::CaptureSink log;
+    DiskTap::setBeforeWrite([](bool synchronous) { return synchronous ? EIO : 0; });
+    EXPECT_FALSE(store_->store(path("key"), text("uncertain").bytes()));
+    DiskTap::setBeforeWrite({});
+    std::filesystem::rename(folder_ / "store", folder_ / "away");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FALSE(store_->store(path("key"), text("lost").bytes()));
+        EXPECT_TRUE(store_->fetch(path("key")).isNull());
+        EXPECT_EQ(store_->space().entries, 0U);
+    }
+    EXPECT_TRUE(log.contains("in vain"));
+    EXPECT_FALSE(position.next());
+    EXPECT_FALSE(moment.result()) << "what ended early must not pass for the whole";
+    std::filesystem::rename(folder_ / "away", folder_ / "store");
+    EXPECT_TRUE(store_->store(path("key"), text("kept").bytes()));
+    EXPECT_EQ(read(path("key")), "kept");
+    EXPECT_TRUE(position.next());
+    EXPECT_EQ(store_->space().mapBytes, StoreOptions().mapBytes);
+}
+
 TEST_F(DiskFault, TheStoreReopensAfterAFatalError) {
     write(path("before"), "v");
     logging::CaptureSink log;

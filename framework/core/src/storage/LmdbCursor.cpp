@@ -47,12 +47,15 @@ Refreshed LmdbCursor::refresh() {
         return Refreshed::ok;
     if (error == MDB_MAP_RESIZED)
         return Refreshed::grown;
+    ++engine_.readFaults;
     engine_.tellReadFault(error);
     return Refreshed::failed;
 }
 
 bool LmdbCursor::begin(int& error) {
-    if (transaction_ == nullptr) {
+    if (engine_.environment() == nullptr) {
+        error = MDB_PANIC;
+    } else if (transaction_ == nullptr) {
         error = mdb_txn_begin(engine_.environment(), nullptr, MDB_RDONLY, &transaction_);
         // The places of killed processes are taken back when they are needed.
         int dead = 0;
@@ -164,7 +167,10 @@ bool LmdbCursor::stepPastFault() {
     const std::string here(key_);
     drop();
     int error = 0;
-    return begin(error) && find(here) && step();
+    if (!begin(error))
+        return settle(error);
+    // Others may have removed it meanwhile: then the next one is where the step leads.
+    return seek(here) && (key_ != here || step());
 }
 
 }  // namespace qel::storage

@@ -213,11 +213,15 @@ void LmdbEngine::adoptGrowth() {
 
 void LmdbEngine::reopen() {
     stopReaders([this] {
-        MDB_envinfo info;
-        mdb_env_info(environment_, &info);
-        mdb_env_close(environment_);
-        environment_ = nullptr;
-        const int error = tryOpen(info.me_mapsize);
+        // The last try may have been in vain.
+        if (environment_ != nullptr) {
+            MDB_envinfo info;
+            mdb_env_info(environment_, &info);
+            mapBytes_ = info.me_mapsize;
+            mdb_env_close(environment_);
+            environment_ = nullptr;
+        }
+        const int error = tryOpen(mapBytes_);
         ++reopened;
         logging::MessageStream(error == 0 ? 2 : 3, 2)
             << "the store " << folder_.path() << " failed for good and was opened again"

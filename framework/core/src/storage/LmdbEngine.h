@@ -71,6 +71,8 @@ class LmdbEngine final : public Engine {
     SharedPage page_;
     MDB_env* environment_ = nullptr;
     MDB_dbi database_ = 0;
+    // Of the environment that was open last.
+    std::size_t mapBytes_ = 0;
     // One transaction of this process at a time; also kept while the map moves.
     std::mutex writing_;
     // Shared by those who read without a cursor of `cursors_`, alone while the map moves.

@@ -14,6 +14,7 @@ bool StoreReader::refreshAgain(Engine& engine) {
         engine.adoptGrowth();
         cursor_->lock.lock();
     }
+    ++engine.readFaults;
     return false;
 }
 
