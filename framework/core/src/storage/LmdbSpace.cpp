@@ -19,14 +19,11 @@ namespace {
 
 constexpr MDB_dbi freePagesDatabase = 0;
 
-// Adds the free pages from `first` on. A value of the engine's list is a count and as many page numbers.
-int countFreePages(MDB_txn* transaction, std::size_t first, std::uint64_t& pages) {
-    MDB_cursor* cursor = nullptr;
-    int error = mdb_cursor_open(transaction, freePagesDatabase, &cursor);
-    if (error != 0)
-        return error;
+// A value of the engine's list is a count and as many page numbers.
+int addFreePages(MDB_cursor* cursor, std::size_t first, std::uint64_t& pages) {
     MDB_val key;
     MDB_val value;
+    int error = 0;
     while ((error = mdb_cursor_get(cursor, &key, &value, MDB_NEXT)) == 0) {
         // The engine reads a page of zeros as entries with empty keys, which it never stores.
         if (key.mv_size == 0)
@@ -42,8 +39,18 @@ int countFreePages(MDB_txn* transaction, std::size_t first, std::uint64_t& pages
         for (std::size_t i = 1; i <= count; ++i)
             pages += numberAt(i) >= first;
     }
-    mdb_cursor_close(cursor);
     return error == MDB_NOTFOUND ? 0 : error;
+}
+
+// Adds the free pages from `first` on, as far as their list can be read.
+int countFreePages(MDB_txn* transaction, std::size_t first, std::uint64_t& pages) {
+    MDB_cursor* cursor = nullptr;
+    int error = mdb_cursor_open(transaction, freePagesDatabase, &cursor);
+    if (error != 0)
+        return error;
+    error = unlessDamaged([&] { return addFreePages(cursor, first, pages); });
+    mdb_cursor_close(cursor);
+    return error;
 }
 
 // Of the pages from `first` on, those that the newest snapshot does not know as free; all of them if its list of free
@@ -54,7 +61,7 @@ std::uint64_t countUsedPages(MDB_env* environment, std::size_t first, std::uint6
     if (mdb_txn_begin(environment, nullptr, MDB_RDONLY, &transaction) != 0)
         return pages;
     std::uint64_t freePages = 0;
-    const int error = unlessDamaged([&] { return countFreePages(transaction, first, freePages); });
+    const int error = countFreePages(transaction, first, freePages);
     mdb_txn_abort(transaction);
     return error == 0 ? pages - std::min(freePages, pages) : pages;
 }
@@ -100,7 +107,7 @@ void LmdbEngine::space(StoreSpace& out) {
     out.entries = stat.ms_entries;
     out.pageBytes = stat.ms_psize;
     out.usedBytes = (stat.ms_branch_pages + stat.ms_leaf_pages + stat.ms_overflow_pages) * stat.ms_psize;
-    unlessDamaged([&] { return countFreePages(transaction, 0, out.freePages); });
+    countFreePages(transaction, 0, out.freePages);
     mdb_txn_abort(transaction);
     struct stat file {};
     if (::stat(folder_.file(dataFile).c_str(), &file) == 0)
