@@ -27,7 +27,8 @@ class LineFile {
   public:
     explicit LineFile(const char* path)
         : handle_(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
-          error_(handle_ < 0 ? errno : 0) {}
+          error_(handle_ < 0 ? errno : 0),
+          opened_(handle_ >= 0) {}
     ~LineFile() { close(); }
     LineFile(const LineFile&) = delete;
     LineFile& operator=(const LineFile&) = delete;
@@ -46,6 +47,8 @@ class LineFile {
     }
     /// Of the first failure, as `errno`; 0 for none.
     int error() const { return error_; }
+    /// False when what lies at the path, if anything, is not this file's.
+    bool wasOpened() const { return opened_; }
 
   private:
     static constexpr std::size_t collectedBytes = std::size_t{32} << 10;
@@ -71,14 +74,19 @@ class LineFile {
 
     int handle_;
     int error_;
+    bool opened_;
     std::string lines_;
     std::array<std::size_t, 32> ends_{};
     unsigned count_ = 0;
 };
 
+void tellGivenUp(int level, const char* path, const std::string& reason) {
+    logging::MessageStream(level, 2) << "The export to " << path << " was given up: " << reason;
+}
+
 /// What ends in the middle of a log must not pass for the whole.
 void discard(int level, const char* path, const std::string& reason) {
-    logging::MessageStream(level, 2) << "The export to " << path << " was given up: " << reason;
+    tellGivenUp(level, path, reason);
     std::error_code error;
     if (std::filesystem::is_regular_file(std::filesystem::symlink_status(path, error)))
         std::filesystem::remove(path, error);
@@ -107,7 +115,9 @@ void writeCsvFile(const char* path, const Item& log, long long startTime, long l
         wanted = lines % linesBetweenLooks != 0 || isWanted();
     }
     file.close();
-    if (file.error() != 0)
+    if (!file.wasOpened())
+        tellGivenUp(3, path, std::strerror(file.error()));
+    else if (file.error() != 0)
         discard(3, path, std::strerror(file.error()));
     else if (!wanted)
         discard(1, path, "nobody waits for it any more");
