@@ -342,6 +342,36 @@ TEST_F(DiskFault, AnEmptiedPageAnywhereEndsNoProcess) {
     EXPECT_GT(seen, 20);
 }
 
+// The same for removals: they look at the pages beside the one that they empty.
+TEST_F(DiskFault, RemovingBesideAnEmptiedPageEndsNoProcess) {
+    const std::string whole = halfEmptied();
+    const std::size_t pages = whole.size() / 4096;
+    int refused = 0;
+    for (std::size_t page = 2; page < pages; page += 7) {
+        std::string damaged = whole;
+        damaged.replace(page * 4096, 4096, std::string(4096, '\0'));
+        folder_.write("store/data.mdb", damaged);
+        // From one end to the other, as a queue is drained, or here and there.
+        const int stride = page % 2 == 0 ? 1 : 7;
+        const int code = inChild([this, stride] {
+            const logging::CaptureSink log;
+            std::string reason;
+            const auto store = ItemStore::open(url(), {}, reason);
+            if (store == nullptr)
+                return 1;
+            for (int i = 0; i < 600;) {
+                WriteBatch batch(store.get());
+                for (const int end = i + 30; i < end; ++i)
+                    store->remove(key(path("log"), i * stride % 600));
+            }
+            return store->flushThread() ? 0 : 1;
+        });
+        ASSERT_LE(code, 1) << "page " << page << " of " << pages;
+        refused += code;
+    }
+    EXPECT_GT(refused, 10);
+}
+
 // The environment is gone for good until the folder is back; whoever reads meanwhile finds nothing, and knows.
 TEST_F(DiskFault, AStoreThatReopensInVainCanBeAskedAndGoesOnLater) {
     for (int i = 0; i < 100; ++i)

@@ -11,6 +11,7 @@
 
 #include "qelCore/logging/MessageStream.h"
 #include "storage/LmdbGuard.h"
+#include "storage/LmdbRemoval.h"
 #include "storage/UniqueClock.h"
 
 namespace qel::storage {
@@ -28,15 +29,10 @@ MDB_val valueOf(Bytes bytes) {
     return {bytes.size(), const_cast<char*>(bytes.data())};
 }
 
-int putOne(MDB_cursor* cursor, const Write& write) {
+int putOne(MDB_cursor* cursor, LmdbRemoval& removal, const Write& write) {
     MDB_val key = valueOf(write.key);
     MDB_val value = valueOf(write.value);
-    if (!write.removes)
-        return mdb_cursor_put(cursor, &key, &value, 0);
-    int error = mdb_cursor_get(cursor, &key, &value, MDB_SET);
-    if (error == 0)
-        error = mdb_cursor_del(cursor, 0);
-    return error == MDB_NOTFOUND ? 0 : error;
+    return write.removes ? removal.remove(cursor, key) : mdb_cursor_put(cursor, &key, &value, 0);
 }
 
 }  // namespace
@@ -325,9 +321,10 @@ int LmdbEngine::putAll(MDB_txn* transaction, const std::vector<const std::vector
                        const std::string& mark) {
     MDB_cursor* cursor = nullptr;
     int error = mdb_cursor_open(transaction, database_, &cursor);
+    LmdbRemoval removal(transaction, database_);
     for (const auto* const batch : writes)
         for (auto write = batch->begin(); error == 0 && write != batch->end(); ++write)
-            error = putOne(cursor, *write);
+            error = putOne(cursor, removal, *write);
     MDB_val key = valueOf(UniqueClock::markKey());
     MDB_val value = valueOf(mark);
     if (error == 0 && value.mv_size != 0)
