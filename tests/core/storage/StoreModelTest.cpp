@@ -238,7 +238,7 @@ class StoreModel : public StoreTest, public testing::WithParamInterface<unsigned
         if (batchIsOpen_ || below(2) == 0)
             change(where);
         else
-            helper_.make([&] { change(where); });
+            helper_.make([this, where] { change(where); });
     }
     void batch() {
         WriteBatch writes;

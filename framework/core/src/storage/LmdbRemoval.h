@@ -21,7 +21,7 @@ class LmdbRemoval {
     /// An entry of the next page, or none.
     struct Bound {
         MDB_val get() const { return {size, const_cast<char*>(bytes)}; }
-        char bytes[512];
+        char bytes[512]{};
         std::size_t size = 0;
     };
 
