@@ -126,7 +126,7 @@ class EchoQuery : public Client::Query {
 
 /// Waits until `condition` holds, at most ten seconds; whether it did.
 inline bool eventually(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end)
             return false;
