@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <limits>
@@ -231,16 +233,26 @@ TEST_F(AuditExportTest, FullDiskIsLoggedAndTheCallerIsNotTold) {
               "The export to /dev/full was given up: No space left on device");
 }
 
+// A program that runs cannot be opened for writing, by nobody.
 TEST_F(AuditExportTest, FileThatCouldNotEvenBeOpenedStays) {
     record(10, event("a", "", ""));
-    folder_.write("log.csv", "of another day");
-    logging::CaptureSink log;
-    {
-        const Limit noMoreFiles(RLIMIT_NOFILE, 0);
-        AuditExport::exportCSV(file().c_str(), log_, earliest, latest);
+    std::filesystem::copy_file("/bin/sleep", file());
+    const pid_t child = fork();
+    if (child == 0) {
+        execl(file().c_str(), "sleep", "60", nullptr);
+        _exit(1);
     }
-    EXPECT_EQ(TemporaryFolder::read(file()), "of another day");
-    EXPECT_TRUE(log.contains("was given up: Too many open files"));
+    std::error_code error;
+    while (std::filesystem::read_symlink("/proc/" + std::to_string(child) + "/exe", error) != file() &&
+           !error)
+        usleep(1000);
+    ASSERT_FALSE(error) << error.message();
+    logging::CaptureSink log;
+    AuditExport::exportCSV(file().c_str(), log_, earliest, latest);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_TRUE(TemporaryFolder::read(file()) == TemporaryFolder::read("/bin/sleep"));
+    EXPECT_TRUE(log.contains("was given up: Text file busy"));
 }
 
 TEST_F(AuditExportTest, FileThatCouldNotBeWrittenToItsEndIsRemoved) {

@@ -116,8 +116,11 @@ TEST_F(SharedDatabase, ACopyThatIsKilledGoesOnWhenItIsRunAgain) {
         program("qel-audit"), "store", "copy", "--json", "--from", source, "--to", url_};
     ASSERT_EQ(sql("SELECT to_regclass('qel_items') IS NULL"), "t\n");
     Process copying(command, folder_.path(), "copy");
-    ASSERT_TRUE(
-        waitFor([&] { return sql("SELECT to_regclass('qel_items') IS NOT NULL") == "t\n" && stored() > 0; }));
+    // The record of how far it has come follows the entries.
+    ASSERT_TRUE(waitFor([&] {
+        return sql("SELECT to_regclass('qel_items') IS NOT NULL") == "t\n" && stored() > 0 &&
+               sql("SELECT count(*) FROM qel_items WHERE key = '\\x026d'") == "1\n";
+    }));
     copying.kill();
     const int before = stored();
     EXPECT_LT(before, entries);
