@@ -6,10 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <limits>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "export/CsvFile.h"
@@ -245,7 +247,7 @@ TEST_F(AuditExportTest, FileThatCouldNotEvenBeOpenedStays) {
     std::error_code error;
     while (std::filesystem::read_symlink("/proc/" + std::to_string(child) + "/exe", error) != file() &&
            !error)
-        usleep(1000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     ASSERT_FALSE(error) << error.message();
     logging::CaptureSink log;
     AuditExport::exportCSV(file().c_str(), log_, earliest, latest);
