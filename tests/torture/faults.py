@@ -297,7 +297,8 @@ class Faults:
         return True
 
     def reload_daemon(self):
-        self.site.daemon.send_signal(signal.SIGHUP)
+        with self.daemon_lock:  # one that is only being started knows the signal not yet
+            self.site.daemon.send_signal(signal.SIGHUP)
 
     # ----- tools that work on the store in use; one of four is killed on the way
 
