@@ -35,34 +35,24 @@ constexpr long long march = 1614949509000000;
 constexpr long long earliest = std::numeric_limits<long long>::min();
 constexpr long long latest = std::numeric_limits<long long>::max();
 
-/// What this process may have of something is bounded while it lives.
-class Limit {
-  public:
-    Limit(__rlimit_resource resource, rlim_t most) : resource_(resource) {
-        getrlimit(resource_, &before_);
-        const rlimit limit{most, before_.rlim_max};
-        setrlimit(resource_, &limit);
-    }
-    ~Limit() { setrlimit(resource_, &before_); }
-    Limit(const Limit&) = delete;
-    Limit& operator=(const Limit&) = delete;
-
-  private:
-    __rlimit_resource resource_;
-    rlimit before_{};
-};
-
-/// Files of this process may not grow beyond.
+/// Files of this process may not grow beyond while it lives.
 class FileSizeLimit {
   public:
-    explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)), limit_(RLIMIT_FSIZE, bytes) {}
-    ~FileSizeLimit() { signal(SIGXFSZ, handler_); }
+    explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit{bytes, before_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &before_);
+        signal(SIGXFSZ, handler_);
+    }
     FileSizeLimit(const FileSizeLimit&) = delete;
     FileSizeLimit& operator=(const FileSizeLimit&) = delete;
 
   private:
     void (*handler_)(int);
-    Limit limit_;
+    rlimit before_{};
 };
 
 class AuditExportTest : public ::testing::Test {

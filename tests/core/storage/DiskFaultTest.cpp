@@ -32,6 +32,7 @@ class DiskFault : public StoreTest {
         StoreTest::TearDown();
     }
     std::string halfEmptied();
+    int noticeEmptiedPages(std::size_t stride, const std::function<int(ItemStore&, std::size_t)>& use);
 };
 
 // What the action returned in a process of its own; 1000 and the number of the signal that ended it otherwise.
@@ -311,65 +312,57 @@ TEST_F(DiskFault, OpeningAStoreThatWasCutAnywhereEndsNoProcess) {
     EXPECT_GT(told, 20);
 }
 
-// A disk that returns zeros for one page of a file that is whole otherwise: what does not lie there can be read, the rest is
-// an error, and so is a write that meets the page.
-TEST_F(DiskFault, AnEmptiedPageAnywhereEndsNoProcess) {
+// Empties every so many pages of the half-emptied log, one at a time, as a disk does that returns zeros: each time a process
+// opens the store and gets 0 from `use(store)` if it noticed nothing, else 1. How many noticed.
+int DiskFault::noticeEmptiedPages(std::size_t stride,
+                                  const std::function<int(ItemStore&, std::size_t)>& use) {
     const std::string whole = halfEmptied();
     const std::size_t pages = whole.size() / 4096;
-    int seen = 0;
-    for (std::size_t page = 2; page < pages; page += 3) {
+    int noticed = 0;
+    for (std::size_t page = 2; page < pages; page += stride) {
         std::string damaged = whole;
         damaged.replace(page * 4096, 4096, std::string(4096, '\0'));
         folder_.write("store/data.mdb", damaged);
-        const int code = inChild([this] {
+        const int code = inChild([&] {
             const logging::CaptureSink log;
             std::string reason;
             const auto store = ItemStore::open(url(), {}, reason);
-            if (store == nullptr)
-                return 1;
-            const auto outcome = StoreTools::verify(*store, {});
-            std::size_t there = 0;
-            for (int i = 0; i < 600; ++i)
-                there += !store->fetch(key(path("log"), i)).empty();
-            for (int i = 0; i < 600; i += 50)
-                store->store(key(path("log"), i), text("new").bytes());
-            store->flushThread();
-            return outcome.faults == 0 && outcome.entries >= 300 && there == 300 ? 0 : 1;
+            return store == nullptr ? 1 : use(*store, page);
         });
-        ASSERT_LE(code, 1) << "page " << page << " of " << pages;
-        seen += code;
+        EXPECT_LE(code, 1) << "page " << page << " of " << pages;
+        noticed += code;
     }
-    EXPECT_GT(seen, 20);
+    return noticed;
 }
 
-// The same for removals: they look at the pages beside the one that they empty.
+// What does not lie on the page can be read, the rest is an error, and so is a write that meets it.
+TEST_F(DiskFault, AnEmptiedPageAnywhereEndsNoProcess) {
+    const int noticed = noticeEmptiedPages(3, [](ItemStore& store, std::size_t) {
+        const auto outcome = StoreTools::verify(store, {});
+        std::size_t there = 0;
+        for (int i = 0; i < 600; ++i)
+            there += !store.fetch(key(path("log"), i)).empty();
+        for (int i = 0; i < 600; i += 50)
+            store.store(key(path("log"), i), text("new").bytes());
+        store.flushThread();
+        return outcome.faults == 0 && outcome.entries >= 300 && there == 300 ? 0 : 1;
+    });
+    EXPECT_GT(noticed, 20);
+}
+
+// Removals look at the pages beside the one that they empty.
 TEST_F(DiskFault, RemovingBesideAnEmptiedPageEndsNoProcess) {
-    const std::string whole = halfEmptied();
-    const std::size_t pages = whole.size() / 4096;
-    int refused = 0;
-    for (std::size_t page = 2; page < pages; page += 7) {
-        std::string damaged = whole;
-        damaged.replace(page * 4096, 4096, std::string(4096, '\0'));
-        folder_.write("store/data.mdb", damaged);
+    const int noticed = noticeEmptiedPages(7, [](ItemStore& store, std::size_t page) {
         // From one end to the other, as a queue is drained, or here and there.
         const int stride = page % 2 == 0 ? 1 : 7;
-        const int code = inChild([this, stride] {
-            const logging::CaptureSink log;
-            std::string reason;
-            const auto store = ItemStore::open(url(), {}, reason);
-            if (store == nullptr)
-                return 1;
-            for (int i = 0; i < 600;) {
-                WriteBatch batch(store.get());
-                for (const int end = i + 30; i < end; ++i)
-                    store->remove(key(path("log"), i * stride % 600));
-            }
-            return store->flushThread() ? 0 : 1;
-        });
-        ASSERT_LE(code, 1) << "page " << page << " of " << pages;
-        refused += code;
-    }
-    EXPECT_GT(refused, 10);
+        for (int i = 0; i < 600;) {
+            WriteBatch batch(&store);
+            for (const int end = i + 30; i < end; ++i)
+                store.remove(key(path("log"), i * stride % 600));
+        }
+        return store.flushThread() ? 0 : 1;
+    });
+    EXPECT_GT(noticed, 10);
 }
 
 // The environment is gone for good until the folder is back; whoever reads meanwhile finds nothing, and knows.

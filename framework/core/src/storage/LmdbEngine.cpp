@@ -72,7 +72,7 @@ bool LmdbEngine::start(const std::string& path, std::string& reason) {
     return true;
 }
 
-// Told before anything is read: a page that is gone may end the process.
+// Told before anything is read: what lies on a page that is gone is an error only for whoever comes to it.
 void LmdbEngine::checkEnd() const {
     const std::uint64_t lost = lostPages(folder_.file(dataFile));
     if (lost != 0)

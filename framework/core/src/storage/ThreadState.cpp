@@ -1,6 +1,5 @@
 #include "storage/ThreadState.h"
 
-#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -30,11 +29,6 @@ bool isOver(const Place& place) {
 }
 
 }  // namespace
-
-void FetchRoom::fit(std::size_t size) {
-    if (size >= room_.size() || size < keptBytes)
-        room_ = std::vector<unsigned char>(std::max<std::size_t>(512, size + 1));
-}
 
 ThreadState::~ThreadState() {
     if (cursor == nullptr)
