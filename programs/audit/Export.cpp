@@ -230,6 +230,10 @@ int runExport(CommandLine& line) {
     if (const CommitResult read = moment.result(); !read)
         throw Failure(central.store().statistics().reachable ? exitInputOutput : exitTemporary,
                       read.reason + "; the export failed");
+    if (!file.isDirect() && !std::filesystem::exists(file.path()))
+        throw Failure(exitInputOutput, out +
+                                           ": could not be written to its end; the export failed, and the "
+                                           "line before says why");
     FileFacts found{0, expected.lines(), true};
     if (!file.isDirect())
         found = checkExport(file.path(), target.path, *from, *to, expected);

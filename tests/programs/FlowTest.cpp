@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include "SiteFixture.h"
 #include "common/Folders.h"
 
@@ -75,6 +77,33 @@ TEST_F(FlowTest, ExportReplacesAnOlderFileWholeAndWritesIntoADevice) {
     const test::ProgramResult full = exportLog("interaction", "/dev/full");
     EXPECT_EQ(full.code, 74);
     EXPECT_NE(full.err.find("/dev/full: No space left on device"), std::string::npos) << full.err;
+}
+
+TEST_F(FlowTest, ExportToAFullDiskSaysSoAndLeavesTheOlderFile) {
+    serve();
+    std::string events;
+    for (int i = 0; i < 2000; ++i)
+        events += "[\"A\"]\n";
+    record("anna", events);
+    ASSERT_EQ(forward("anna").code, 0);
+    // A disk of 64 KiB that only the program sees.
+    const std::string disk = folder_ / "disk";
+    std::filesystem::create_directory(disk);
+    std::vector<std::string> command{"/usr/bin/unshare", "--mount"};
+    if (geteuid() != 0)
+        command.emplace_back("--map-root-user");
+    command.insert(command.end(),
+                   {"/bin/sh", "-c",
+                    "mount -t tmpfs -o size=64k none \"$0\" && echo older > \"$0/log.csv\" && \"$@\"; "
+                    "code=$?; cat \"$0/log.csv\"; ls -A \"$0\"; exit $code",
+                    disk, QEL_PROGRAMS_DIR "/qel-audit", "export", "--store", "lmdb:" + site() + "/store",
+                    "--log", "interaction", "--from", "2020", "--to", "2099", "--out", disk + "/log.csv"});
+    const test::ProgramResult full = test::run(command);
+    EXPECT_EQ(full.code, 74);
+    EXPECT_EQ(full.out, "older\nlog.csv\n");
+    EXPECT_NE(full.err.find(disk + "/log.csv: could not be written to its end; the export failed"),
+              std::string::npos)
+        << full.err;
 }
 
 TEST_F(FlowTest, SeveralIdentitiesKeepTheirEventsApart) {
