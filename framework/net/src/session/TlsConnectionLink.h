@@ -12,7 +12,12 @@ namespace qel {
 class TlsConnectionLink : public Link {
   public:
     explicit TlsConnectionLink(std::shared_ptr<TlsSocket> socket) : socket_(std::move(socket)) {}
-    ~TlsConnectionLink() override { socket_->close(); }
+    /// A connection that has ended goes on whichever thread lets go of it last, while its socket may still be listened to
+    /// on the strand: then nothing of the socket is touched any more.
+    ~TlsConnectionLink() override {
+        if (!closed_)
+            socket_->close();
+    }
 
     /// Whom to call; before the connection starts.
     void setConnection(std::weak_ptr<Connection> connection) { connection_ = std::move(connection); }
@@ -32,11 +37,15 @@ class TlsConnectionLink : public Link {
         });
     }
     std::string getFailure() const override { return socket_->getFailure(); }
-    void close() override { socket_->close(); }
+    void close() override {
+        closed_ = true;
+        socket_->close();
+    }
 
   private:
     std::shared_ptr<TlsSocket> socket_;
     std::weak_ptr<Connection> connection_;
+    bool closed_ = false;
 };
 
 }  // namespace qel

@@ -20,8 +20,12 @@ Bio bioOf(const std::string& text) {
 std::vector<Certificate> certificatesIn(const std::string& text) {
     std::vector<Certificate> found;
     const Bio bio = bioOf(text);
-    while (Certificate certificate{PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)})
+    while (Certificate certificate{PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)}) {
+        // Parses the extensions now. Handshakes on several threads share the certificate, and would otherwise find out
+        // there which of them is the first.
+        X509_check_purpose(certificate.get(), -1, 0);
         found.push_back(std::move(certificate));
+    }
     takeError();
     return found;
 }
