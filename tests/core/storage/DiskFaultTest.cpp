@@ -365,6 +365,25 @@ TEST_F(DiskFault, RemovingBesideAnEmptiedPageEndsNoProcess) {
     EXPECT_GT(noticed, 10);
 }
 
+// A compact copy follows every page, and what it leaves out would be missing for good.
+TEST_F(DiskFault, ACompactBackupOfAStoreWithAnEmptiedPageIsWholeOrRefused) {
+    const int noticed = noticeEmptiedPages(5, [this](ItemStore& store, std::size_t) {
+        const std::string file = folder_ / "backup";
+        if (!StoreTools::backup(store, file, true).durable)
+            return std::filesystem::exists(file) ? 2 : 1;
+        const std::string target = folder_ / "restored";
+        std::filesystem::remove_all(target);
+        if (!StoreTools::restore(file, target, {}).durable)
+            return 3;
+        std::string reason;
+        const auto restored = ItemStore::open("lmdb:" + target, {}, reason);
+        const auto outcome = StoreTools::verify(*restored, {});
+        std::filesystem::remove(file);
+        return outcome.result.durable && outcome.faults == 0 && outcome.entries >= 300 ? 0 : 4;
+    });
+    EXPECT_GT(noticed, 20);
+}
+
 // The environment is gone for good until the folder is back; whoever reads meanwhile finds nothing, and knows.
 TEST_F(DiskFault, AStoreThatReopensInVainCanBeAskedAndGoesOnLater) {
     for (int i = 0; i < 100; ++i)

@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <set>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include "qelCore/System.h"
+#include "qelCore/logging/CaptureSink.h"
 #include "support/FixedClock.h"
 #include "support/StoreFixture.h"
 
@@ -164,6 +166,31 @@ TEST(UniqueClock, AMarkOfAWildClockThatIsLateDoesNotCoverThePresent) {
     storage::UniqueClock::markCommitted(page, mark);
     EXPECT_TRUE(storage::UniqueClock::dueMark(page, present, record, mark));
     EXPECT_EQ(mark, present);
+}
+
+TEST(UniqueClock, ADamagedMarkIsToldAndCostsNoMoreThanItsOwnPart) {
+    storage::SharedPage shared;
+    const TemporaryFolder folder;
+    std::string reason;
+    ASSERT_TRUE(shared.open(folder / "shared", 0600, reason)) << reason;
+    storage::ClockPage& page = shared.clock();
+    ASSERT_EQ(storage::UniqueClock(page).next(start, 0), start);
+    std::string record;
+    long long mark = 0;
+    ASSERT_TRUE(storage::UniqueClock::dueMark(page, start, record, mark));
+    {
+        const logging::CaptureSink log;
+        storage::UniqueClock::load(page, {});
+        storage::UniqueClock::load(page, record);
+        EXPECT_FALSE(log.contains("damaged")) << "a store without a mark is a new one";
+        EXPECT_EQ(storage::UniqueClock(page).next(start, 0), mark + 1);
+    }
+    for (const std::size_t kept : {std::size_t{3}, record.size() - 1}) {
+        const logging::CaptureSink log;
+        storage::UniqueClock::load(page, std::string_view(record).substr(0, kept));
+        EXPECT_TRUE(log.contains("the store's record of the unique clock is damaged")) << kept;
+        EXPECT_EQ(storage::UniqueClock(page).next(start, 0), kept == 3 ? start : mark + 1);
+    }
 }
 
 TEST_F(Unique, AWildClockDoesNotPoisonTheStoreAndNoTimeComesTwice) {

@@ -178,8 +178,11 @@ bool GroupCommit::drain(unsigned milliseconds) {
 }
 
 void GroupCommit::snapshotTaken() {
-    if (!sweeping_.load(std::memory_order_relaxed) && !sweeping_.exchange(true))
-        work_.notify_one();
+    if (sweeping_.load(std::memory_order_relaxed) || sweeping_.exchange(true))
+        return;
+    // Once the mutex was free, the thread either sleeps and is woken, or will see that there is something to look for.
+    { const std::lock_guard guard(mutex_); }
+    work_.notify_one();
 }
 
 bool GroupCommit::isDue(Clock::time_point now) const {

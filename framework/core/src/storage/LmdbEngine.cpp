@@ -139,6 +139,8 @@ bool LmdbEngine::loadClock(std::string& reason) {
     MDB_val key = valueOf(UniqueClock::markKey());
     MDB_val value;
     error = unlessDamaged([&] { return mdb_get(transaction, database_, &key, &value); });
+    if (error != 0 && error != MDB_NOTFOUND)
+        tellReadFault(error);
     const Bytes record = error == 0 ? Bytes(static_cast<const char*>(value.mv_data), value.mv_size) : Bytes();
     UniqueClock::load(page_.clock(), record);
     mdb_txn_abort(transaction);

@@ -25,7 +25,10 @@ std::vector<Place>& places() {
 }
 
 bool isOver(const Place& place) {
-    return place.state->cursor != nullptr && place.state->cursor->closed;
+    if (place.state->cursor == nullptr)
+        return false;
+    const std::lock_guard guard(place.state->cursor->lock);
+    return place.state->cursor->closed;
 }
 
 }  // namespace

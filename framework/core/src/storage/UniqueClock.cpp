@@ -179,6 +179,10 @@ void UniqueClock::load(ClockPage& page, Bytes record) {
     if (at.decodeElementAsInteger(mark) && at.decodeElementAsItem(leaps) && at.decodeElementAsItem(skips)) {
         loadPairs(leaps, page.leaps);
         loadPairs(skips, page.skips);
+    } else if (!record.empty()) {
+        logging::MessageStream(2, 2)
+            << "the store's record of the unique clock is damaged: the clock goes on from "
+            << (mark > 0 ? "its mark" : "the present") << "; verify the store";
     }
     page.last = mark;
     page.committed = mark;
