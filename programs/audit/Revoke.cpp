@@ -13,10 +13,9 @@ int runRevoke(CommandLine& line) {
     AuthorityKey key;
     line.describe(
         "Puts a certificate on the site's revocation list, DIR/revoked.crl: its holder cannot connect again. "
-        "The list is "
-        "named in the server's configuration if none is yet. The server notices a longer list by itself; "
-        "when the list is "
-        "its first one, restart it. Further servers of the site need a copy of the list.");
+        "The server notices the longer list by itself within a minute, or at once when it is told to reload. "
+        "Where its configuration names no list, the list is named there, and the server must be restarted. "
+        "Further servers of the site need a copy of the list.");
     line.position("DIR", folder, "folder of the site, as made by 'init'");
     line.requiredText("--certificate", "FILE", certificate, "certificate to shut out; a copy serves");
     line.text("--authority-key", "FILE", key.file, "where the authority's key lives", "DIR/authority.key");
@@ -30,8 +29,10 @@ int runRevoke(CommandLine& line) {
     const Site site(folder);
     if (!std::filesystem::exists(certificate))
         throw Failure(exitInputMissing, certificate + ": is missing, expected a certificate of this site");
-    site.revoke(certificate, key);
+    const bool isNamedNow = site.revoke(certificate, key);
     output.message("the holder of " + certificate + " is on the list " + site.revocationList());
+    if (isNamedNow)
+        output.message(site.configuration() + " named no list before: restart the server");
     output.result().add("list", site.revocationList());
     output.finish();
     return exitDone;

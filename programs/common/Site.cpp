@@ -86,8 +86,9 @@ void Site::create(const std::string& host, const AuthorityKey& key, const std::s
         // The folder was empty: a second attempt must not stumble over what the first one left. An authority's key that lives
         // elsewhere stays, whoever made it.
         std::error_code ignored;
-        for (const std::string& file : {folder_ + "/authority.key", authorityCertificate(), siteKey(),
-                                        configuration(), folder_ + "/server.crt", folder_ + "/server.key"})
+        for (const std::string& file :
+             {folder_ + "/authority.key", authorityCertificate(), siteKey(), revocationList(),
+              configuration(), folder_ + "/server.crt", folder_ + "/server.key"})
             std::filesystem::remove(file, ignored);
         std::filesystem::remove(folder_, ignored);
         throw;
@@ -101,7 +102,7 @@ void Site::createInFolder(const std::string& host, const AuthorityKey& key, cons
         "Auditing authority of " + host, authorityCertificate(), keyFile(key), error, passphrase);
     if (!authority)
         throw Failure(exitCannotCreate, error);
-    if (!SiteKey::create(siteKey(), error))
+    if (!SiteKey::create(siteKey(), error) || !authority->writeEmptyRevocationList(revocationList(), error))
         throw Failure(exitCannotCreate, error);
     issueServer(*authority, host);
     writeConfiguration(host, state, store);
@@ -114,6 +115,11 @@ void Site::join(const Site& first, const std::string& host, const AuthorityKey& 
     makeFolder(state);
     writeNewFile(authorityCertificate(), readTextFile(first.authorityCertificate()));
     writeSecretFile(siteKey(), readTextFile(first.siteKey()));
+    std::string error;
+    if (std::filesystem::exists(first.revocationList()))
+        writeNewFile(revocationList(), readTextFile(first.revocationList()));
+    else if (!authority->writeEmptyRevocationList(revocationList(), error))
+        throw Failure(exitCannotCreate, error);
     issueServer(*authority, host);
     writeConfiguration(host, state, store);
     // Workstations that are enrolled from now on know both servers.
@@ -147,11 +153,12 @@ void Site::writeConfiguration(const std::string& host, const std::string& state,
     if (!store.empty())
         config.storeUrl = store;
     config.name = host;
+    config.tls.revoked = listName;
     config.listen = std::string(host.find(':') == std::string::npos ? "0.0.0.0" : "[::]") + ':' + usualPort;
     writeNewFile(configuration(), printConfig(config, true));
 }
 
-void Site::revoke(const std::string& certificate, const AuthorityKey& key) const {
+bool Site::revoke(const std::string& certificate, const AuthorityKey& key) const {
     const std::unique_ptr<Authority> authority = loadAuthority(key);
     std::string error;
     if (!authority->hasIssued(certificate, error))
@@ -162,9 +169,10 @@ void Site::revoke(const std::string& certificate, const AuthorityKey& key) const
     const std::string none = "\nrevoked = \"\"\n";
     const std::size_t place = text.find(none);
     if (place == std::string::npos)
-        return;
-    text.replace(place, none.size(), "\nrevoked = \"revoked.crl\"\n");
+        return false;
+    text.replace(place, none.size(), std::string("\nrevoked = \"") + listName + "\"\n");
     replaceFile(configuration(), text);
+    return true;
 }
 
 std::unique_ptr<Authority> Site::loadAuthority(const AuthorityKey& key) const {

@@ -23,7 +23,7 @@ class Site {
     const std::string& folder() const { return folder_; }
     std::string authorityCertificate() const { return folder_ + "/authority.crt"; }
     std::string siteKey() const { return folder_ + "/site.key"; }
-    std::string revocationList() const { return folder_ + "/revoked.crl"; }
+    std::string revocationList() const { return folder_ + '/' + listName; }
     std::string serverCertificate() const { return folder_ + "/server.crt"; }
     std::string configuration() const { return folder_ + "/qel-auditd.toml"; }
 
@@ -36,8 +36,9 @@ class Site {
     void join(const Site& first, const std::string& host, const AuthorityKey& key,
               const std::string& state = {}, const std::string& store = {}) const;
 
-    /// Adds the certificate to the site's revocation list, and names that list in the configuration if none is named yet.
-    void revoke(const std::string& certificate, const AuthorityKey& key) const;
+    /// Adds the certificate to the site's revocation list, and names that list in the configuration if none is named yet:
+    /// whether it had to, and the server has to be restarted.
+    bool revoke(const std::string& certificate, const AuthorityKey& key) const;
 
     std::unique_ptr<Authority> loadAuthority(const AuthorityKey& key) const;
     /// "HOST:PORT" of this server and of those that joined it, in that order.
@@ -51,6 +52,8 @@ class Site {
     void createInFolder(const std::string& host, const AuthorityKey& key, const std::string& state,
                         const std::string& store, const std::string& passphrase) const;
     void issueServer(Authority& authority, const std::string& host) const;
+
+    static constexpr const char* listName = "revoked.crl";
 
     std::string folder_;
 };

@@ -43,6 +43,7 @@ TEST_F(SiteTest, InitMakesAnAuthorityASiteKeyAServerAndItsConfiguration) {
     readConfig(site + "/qel-auditd.toml", config);
     EXPECT_EQ(config.name, "localhost");
     EXPECT_EQ(config.resolve(config.tls.certificate), site + "/server.crt");
+    EXPECT_EQ(config.resolve(config.tls.revoked), site + "/revoked.crl");
     const std::string text = test::TemporaryFolder::read(site + "/qel-auditd.toml");
     EXPECT_NE(text.find("\nauditors = []\n"), std::string::npos);
     EXPECT_LT(text.find("\nlisten = \"0.0.0.0:7443\"\n"), text.find("[metrics]"));
@@ -144,9 +145,14 @@ TEST_F(SiteTest, RevokedCertificateStandsOnTheListThatTheConfigurationNames) {
         audit({"enroll", folder_ / "site", "--user", "anna", "--device", "ws", "--out", folder_ / "anna"})
             .code,
         0);
-    for (int i = 0; i < 2; ++i)
-        ASSERT_EQ(audit({"revoke", folder_ / "site", "--certificate", folder_ / "anna/workstation.crt"}).code,
-                  0);
+    const std::string before = test::TemporaryFolder::read(folder_ / "site/qel-auditd.toml");
+    for (int i = 0; i < 2; ++i) {
+        const test::ProgramResult result =
+            audit({"revoke", folder_ / "site", "--certificate", folder_ / "anna/workstation.crt"});
+        ASSERT_EQ(result.code, 0) << result.err;
+        EXPECT_EQ(result.err.find("restart"), std::string::npos) << result.err;
+    }
+    EXPECT_EQ(test::TemporaryFolder::read(folder_ / "site/qel-auditd.toml"), before);
     DaemonConfig config;
     readConfig(folder_ / "site/qel-auditd.toml", config);
     EXPECT_EQ(config.resolve(config.tls.revoked), folder_ / "site/revoked.crl");
@@ -155,6 +161,24 @@ TEST_F(SiteTest, RevokedCertificateStandsOnTheListThatTheConfigurationNames) {
                    "-CRLfile", folder_ / "site/revoked.crl", folder_ / "anna/workstation.crt"});
     EXPECT_NE(check.code, 0);
     EXPECT_NE(check.err.find("certificate revoked"), std::string::npos) << check.err;
+}
+
+TEST_F(SiteTest, ARevocationWithoutAListInTheConfigurationNamesItThereAndAsksForARestart) {
+    ASSERT_EQ(init("site").code, 0);
+    const std::string file = folder_ / "site/qel-auditd.toml";
+    std::string text = test::TemporaryFolder::read(file);
+    const std::string named = "\nrevoked = \"revoked.crl\"\n";
+    ASSERT_NE(text.find(named), std::string::npos);
+    folder_.write("site/qel-auditd.toml", text.replace(text.find(named), named.size(), "\nrevoked = \"\"\n"));
+    std::filesystem::remove(folder_ / "site/revoked.crl");
+    const test::ProgramResult result =
+        audit({"revoke", folder_ / "site", "--certificate", folder_ / "site/server.crt"});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_NE(result.err.find("restart the server"), std::string::npos) << result.err;
+    DaemonConfig config;
+    readConfig(file, config);
+    EXPECT_EQ(config.resolve(config.tls.revoked), folder_ / "site/revoked.crl");
+    EXPECT_TRUE(std::filesystem::exists(folder_ / "site/revoked.crl"));
 }
 
 TEST_F(SiteTest, ServerNameThatCannotBeLeavesNoHalfSiteBehind) {
@@ -193,12 +217,13 @@ TEST_F(SiteTest, FullDiskLeavesNoHalfIdentityBehind) {
 TEST_F(SiteTest, FullDiskKeepsTheCertificateThatWasToBeRenewedOrRevoked) {
     ASSERT_EQ(init("site").code, 0);
     const std::string server = test::TemporaryFolder::read(folder_ / "site/server.crt");
+    const std::string list = test::TemporaryFolder::read(folder_ / "site/revoked.crl");
     EXPECT_EQ(auditOnAFullDisk({"renew", folder_ / "site"}).code, 74);
     EXPECT_EQ(
         auditOnAFullDisk({"revoke", folder_ / "site", "--certificate", folder_ / "site/server.crt"}).code,
         74);
     EXPECT_EQ(test::TemporaryFolder::read(folder_ / "site/server.crt"), server);
-    EXPECT_FALSE(std::filesystem::exists(folder_ / "site/revoked.crl"));
+    EXPECT_EQ(test::TemporaryFolder::read(folder_ / "site/revoked.crl"), list);
 }
 
 TEST_F(SiteTest, StateFolderOfAnyNameIsReadBack) {
@@ -262,6 +287,8 @@ TEST_F(SiteTest, SecondServerSharesAuthorityAndSiteKey) {
     EXPECT_EQ(test::TemporaryFolder::read(folder_ / "one/site.key"),
               test::TemporaryFolder::read(folder_ / "two/site.key"));
     EXPECT_EQ(verifies(folder_ / "one/authority.crt", folder_ / "two/server.crt"), 0);
+    EXPECT_EQ(test::TemporaryFolder::read(folder_ / "one/revoked.crl"),
+              test::TemporaryFolder::read(folder_ / "two/revoked.crl"));
     EXPECT_FALSE(std::filesystem::exists(folder_ / "two/authority.key"));
     ASSERT_EQ(audit({"enroll", folder_ / "one", "--user", "anna", "--device", "ws"}).code, 0);
     WorkstationConfig config;
