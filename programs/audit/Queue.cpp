@@ -2,6 +2,7 @@
 #include "auditing/AuditAside.h"
 #include "auditing/AuditLogTools.h"
 #include "common/EventLine.h"
+#include "common/Failure.h"
 #include "common/Output.h"
 #include "common/Progress.h"
 #include "common/Workstation.h"
@@ -43,23 +44,39 @@ std::string describe(const std::string& name, const LogSummary& summary, long lo
     return text;
 }
 
+void returnParked(Workstation& workstation, Output& output) {
+    long long returned = 0;
+    for (const char* name : {"interaction", "audit"})
+        returned += AuditAside::returnParked(workstation.sequence(name).getPath());
+    if (const CommitResult result = workstation.store().flush(); !result)
+        throw Failure(exitInputOutput, "the queue could not be written: " + result.reason);
+    output.message(grouped(static_cast<std::uint64_t>(returned)) + " parked " +
+                   (returned == 1 ? "event is" : "events are") + " in the queue again");
+    output.result().add("returned", static_cast<std::int64_t>(returned));
+}
+
 }  // namespace
 
 int runQueue(CommandLine& line) {
     std::string config;
     std::int64_t show = 0;
+    bool returns = false;
     line.describe(
         "Tells what waits to be forwarded: how many events of each log, the time of the oldest, and what was "
         "kept aside because it was damaged or too large for the service.");
     line.requiredText("--config", "FILE", config, "configuration of the workstation");
     line.number("--show", "N", "events", show, 0, 1000000000,
                 "print that many of the oldest events of each log");
+    line.flag("--return-parked", returns,
+              "put events that were too large for the service back, when it takes larger ones now");
     line.example("qel-audit queue --config qel-audit.toml --show 5");
     if (const auto code = line.parse())
         return *code;
 
     Output output(line.name(), line.quiet(), line.json());
-    Workstation workstation(config, Workstation::Use::look);
+    Workstation workstation(config, returns ? Workstation::Use::work : Workstation::Use::look);
+    if (returns)
+        returnParked(workstation, output);
     std::int64_t total = 0;
     JsonObject logs;
     for (const char* name : {"interaction", "audit"}) {

@@ -1,6 +1,7 @@
 #include "auditing/AuditAside.h"
 
 #include <algorithm>
+#include <limits>
 #include <string>
 
 #include "qelCore/ItemStore.h"
@@ -54,7 +55,7 @@ bool readEntryKey(const Item& position, long long& number, long long& time) {
 }
 
 long long countIn(const Item& path) {
-    Item position = entryKey(path, AuditAside::limit, 0);
+    Item position = entryKey(path, std::numeric_limits<long long>::max(), 0);
     long long number = 0;
     long long time = 0;
     return position.prev() && readEntryKey(position, number, time) ? number + 1 : 0;
@@ -101,6 +102,13 @@ void readPieces(const Item& entry, std::string& value) {
     } while (piece.next());
 }
 
+void removeWithPieces(const Item& entry) {
+    Item piece;
+    for (bool more = entry.child(piece); more; more = piece.next())
+        piece.remove();
+    entry.remove();
+}
+
 bool readEntry(const Item& position, AsideEntry& entry) {
     long long number = 0;
     Item bytes;
@@ -122,7 +130,7 @@ std::vector<std::pair<Item, Item>> AuditAside::entriesFor(AsideReason reason, co
     const std::string kept(value.view());
     const Item path = folder(reason, log);
     const long long number = countIn(path);
-    if (number >= limit)
+    if (number >= limit && reason != AsideReason::parked)
         return {};
     return encodeEntry(entryKey(path, number, System::getUTCDateTimeUnique()), key, kept);
 }
@@ -132,6 +140,27 @@ bool AuditAside::keep(AsideReason reason, const Item& log, const Item& key, Cons
     for (const auto& [place, content] : entries)
         place.store(content);
     return !entries.empty();
+}
+
+long long AuditAside::returnParked(const Item& log) {
+    ItemStore* const store = ItemStore::current();
+    Item position = entryKey(folder(AsideReason::parked, log), std::numeric_limits<long long>::max(), 0);
+    AsideEntry entry;
+    long long returned = 0;
+    // The last one first: the number of the last tells how many there are.
+    while (store != nullptr && position.prev()) {
+        entry.value.clear();
+        if (!readEntry(position, entry))
+            continue;
+        WriteBatch both(store);
+        if (!store->store(entry.key, ConstByteSpan(std::string_view(entry.value))))
+            continue;
+        removeWithPieces(position);
+        if (!both.commit())
+            break;
+        ++returned;
+    }
+    return returned;
 }
 
 long long AuditAside::count(AsideReason reason, const Item& log) {

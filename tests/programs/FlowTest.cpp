@@ -143,6 +143,29 @@ TEST_F(FlowTest, ForwardWithoutAServiceSaysSoAndKeepsTheEvents) {
     EXPECT_EQ(audit({"queue", "--config", config("anna"), "--json"}).out.rfind("{\"count\":1,", 0), 0u);
 }
 
+TEST_F(FlowTest, EventsThatWereTooLargeTravelWhenTheServiceTakesThem) {
+    edit(site() + "/qel-auditd.toml", "\nvalue_bytes = 61440\n", "\nvalue_bytes = 256\n");
+    serve();
+    record("anna", "[\"A\"]\n[\"Large\",\"" + std::string(300, 'x') + "\"]\n[\"B\"]\n");
+    const test::ProgramResult parked = forward("anna");
+    EXPECT_EQ(parked.code, 0) << parked.err;
+    EXPECT_NE(parked.err.find("1 too large and 0 damaged events were kept aside"), std::string::npos)
+        << parked.err;
+    stop();
+    EXPECT_EQ(exported("interaction").size(), 2u);
+    edit(config("anna"), "localhost:" + port_, "localhost:7443");
+    edit(site() + "/qel-auditd.toml", "\nvalue_bytes = 256\n", "\nvalue_bytes = 61440\n");
+    serve();
+    const test::ProgramResult returned =
+        audit({"queue", "--config", config("anna"), "--return-parked", "--json"});
+    EXPECT_EQ(returned.out.rfind("{\"returned\":1,\"count\":1,", 0), 0u) << returned.out << returned.err;
+    EXPECT_EQ(forward("anna").code, 0);
+    stop();
+    const std::vector<std::string> lines = exported("interaction");
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_NE(lines[1].find(";Large;" + std::string(300, 'x') + ";"), std::string::npos) << lines[1];
+}
+
 TEST_F(FlowTest, ForwardOfAnEmptyQueueNeedsNoService) {
     EXPECT_EQ(audit({"forward", "--config", config("anna"), "--once"}).code, 0);
 }

@@ -57,10 +57,49 @@ TEST_F(AuditAsideTest, NothingKeptAsideAppearsInALog) {
 
 TEST_F(AuditAsideTest, OnlyTheFirstThousandAreKept) {
     for (long long i = 0; i < AuditAside::limit; ++i)
+        ASSERT_TRUE(AuditAside::keep(AsideReason::damaged, log_, key_, span(std::to_string(i))));
+    EXPECT_FALSE(AuditAside::keep(AsideReason::damaged, log_, key_, span("one too many")));
+    EXPECT_EQ(AuditAside::count(AsideReason::damaged, log_), AuditAside::limit);
+    EXPECT_EQ(kept(AsideReason::damaged).back().value, "999");
+}
+
+TEST_F(AuditAsideTest, EveryParkedEventIsKept) {
+    for (long long i = 0; i <= AuditAside::limit; ++i)
         ASSERT_TRUE(AuditAside::keep(AsideReason::parked, log_, key_, span(std::to_string(i))));
-    EXPECT_FALSE(AuditAside::keep(AsideReason::parked, log_, key_, span("one too many")));
-    EXPECT_EQ(AuditAside::count(AsideReason::parked, log_), AuditAside::limit);
-    EXPECT_EQ(kept(AsideReason::parked).back().value, "999");
+    EXPECT_EQ(AuditAside::count(AsideReason::parked, log_), AuditAside::limit + 1);
+    EXPECT_EQ(kept(AsideReason::parked).back().value, "1000");
+}
+
+TEST_F(AuditAsideTest, ParkedEventsReturnToTheirPlacesAndLeaveNothingBehind) {
+    store_.store().setValueLimit(2000);
+    const std::string large(1900, 'x');
+    const std::string pieces(7000, 'y');
+    AuditAside::keep(AsideReason::parked, log_, key_, span("small"));
+    AuditAside::keep(AsideReason::parked, log_, test::queueKey(log_, 6), span(pieces));
+    AuditAside::keep(AsideReason::parked, log_, test::queueKey(log_, 7), span(large));
+    AuditAside::keep(AsideReason::parked, test::path("other"), test::queueKey(test::path("other"), 7),
+                     span("not asked for"));
+    AuditAside::keep(AsideReason::damaged, log_, test::queueKey(log_, 8), span("damaged"));
+    // What the store does not take stays where it is.
+    EXPECT_EQ(AuditAside::returnParked(log_), 2);
+    EXPECT_EQ(store_.times(log_), (std::vector<long long>{5, 7}));
+    ASSERT_EQ(kept(AsideReason::parked).size(), 1U);
+    EXPECT_EQ(kept(AsideReason::parked)[0].value, pieces);
+    store_.store().setValueLimit(20000);
+    EXPECT_EQ(AuditAside::returnParked(log_), 1);
+    EXPECT_EQ(store_.times(log_), (std::vector<long long>{5, 6, 7}));
+    EXPECT_EQ(test::queueKey(log_, 5).fetch().view(), "small");
+    EXPECT_EQ(test::queueKey(log_, 6).fetch().view(), pieces);
+    EXPECT_EQ(test::queueKey(log_, 7).fetch().view(), large);
+    EXPECT_EQ(AuditAside::count(AsideReason::parked, log_), 0);
+    EXPECT_EQ(AuditAside::returnParked(log_), 0);
+    EXPECT_EQ(AuditAside::count(AsideReason::parked, test::path("other")), 1);
+    EXPECT_EQ(AuditAside::count(AsideReason::damaged, log_), 1);
+    Item folder = ItemStore::sidePath("aside");
+    folder.addString("parked");
+    folder.addItem(log_);
+    Item left;
+    EXPECT_FALSE(folder.child(left)) << left.asString();
 }
 
 TEST_F(AuditAsideTest, ValueLargerThanTheStoreTakesIsKeptInPieces) {

@@ -210,10 +210,35 @@ TEST_F(AuditQueryTest, EventLargerThanTheServiceTakesIsParkedAndHoldsUpNothing) 
 
 TEST_F(AuditQueryTest, NullSequenceSendsNothingAndRemovesNothing) {
     queue(1, 3);
+    Item root;
+    root.addInteger(1);
+    root.store(event("of nobody's queue"));
     sequence_.clearPath();
+    const logging::CaptureSink log;
     EXPECT_TRUE(process().empty());
     EXPECT_TRUE(receive(test::ackPacket(1)));
+    EXPECT_EQ(AuditStore::value(root), event("of nobody's queue"));
     EXPECT_EQ(queued(), fromTo(1, 3));
+    EXPECT_TRUE(log.entries().empty());
+    EXPECT_EQ(query_->getStatistics().damaged, 0U);
+}
+
+TEST_F(AuditQueryTest, HoweverManyAreParkedNoneIsGivenUp) {
+    for (long long i = 0; i < AuditAside::limit; ++i)
+        ASSERT_TRUE(AuditAside::keep(AsideReason::parked, path_, test::queueKey(path_, i),
+                                     ConstByteSpan(std::string_view("an earlier one"))));
+    const Item large = event(std::string(NetworkLimits().valueBytes + 1U, 'x'));
+    store_.put(path_, 5000, large);
+    queue(5001, 5001);
+    EXPECT_EQ(process(), fromTo(5001, 5001));
+    EXPECT_EQ(AuditAside::count(AsideReason::parked, path_), AuditAside::limit + 1);
+    AsideEntry last;
+    AuditAside::walk(AsideReason::parked, path_, [&](const AsideEntry& entry) {
+        last = entry;
+        return true;
+    });
+    EXPECT_EQ(last.key, test::queueKey(path_, 5000));
+    EXPECT_EQ(last.value, large.bytes().view());
 }
 
 TEST_F(AuditQueryTest, PacketsOfOtherTypesAreDeclined) {
