@@ -17,11 +17,11 @@ class RpcProvider;
 class QELAUDITING_EXPORT AuditExport {
   public:
     /// Writes the events with `startTime` <= time <= `endTime` to the file `path`, which is created or
-    /// replaced, one line each behind a header line, flushed line by line: whoever reads along sees whole
-    /// lines. Times are written in German local time; nothing is quoted or escaped: a value that holds ";" or
-    /// a line break is written as it is. An empty `log` gives the header only. Nothing is reported and
-    /// nothing thrown: whoever must know looks at the file. Takes one write per line, about a microsecond
-    /// each, and does not hold up writers of the store.
+    /// replaced, one line each behind a header line. Each line leaves with a write of its own, up to 32 of them one after
+    /// the other: whoever reads along sees whole lines. Times are written in German local time; nothing is quoted or
+    /// escaped: a value that holds ";" or a line break is written as it is. An empty `log` is the store's root: what has
+    /// a path of its own is not part of it. Nothing is reported and nothing thrown: whoever must know looks at
+    /// the file. Takes about a microsecond per line, and does not hold up writers of the store.
     static void exportCSV(const char* path, const Item& log, long long startTime, long long endTime);
 
     /// The events with `startTimeInclusive` <= time < `endTimeExclusive`, one nested item each:

@@ -29,10 +29,7 @@ Item behind(const Item& log, long long endTime) {
 }  // namespace
 
 LogRange::LogRange(const Item& log, long long startTime, Item stop)
-    : position_(before(log, startTime)),
-      stop_(std::move(stop)),
-      pathSize_(log.size()),
-      empty_(log.isEmpty()) {}
+    : position_(before(log, startTime)), stop_(std::move(stop)), pathSize_(log.size()) {}
 
 LogRange LogRange::including(const Item& log, long long startTime, long long endTime) {
     return {log, startTime, behind(log, endTime)};
@@ -43,7 +40,7 @@ LogRange LogRange::excluding(const Item& log, long long startTime, long long end
 }
 
 bool LogRange::next() {
-    return !empty_ && position_.next(value_) && Item::compare(position_, stop_) < 0;
+    return position_.next(value_) && Item::compare(position_, stop_) < 0;
 }
 
 long long LogRange::time() const {

@@ -7,7 +7,7 @@
 namespace qel {
 
 /// Walks the entries of a central log whose times lie in a range, in key order: the one home of both its ends. Bounds
-/// at the ends of the 64-bit range saturate. An empty log has no entries. One thread per object.
+/// at the ends of the 64-bit range saturate. One thread per object.
 class LogRange {
   public:
     /// From `startTime` (included) to `endTime` (included).
@@ -34,7 +34,6 @@ class LogRange {
     Item stop_;
     ConstByteSpan value_;
     std::size_t pathSize_;
-    bool empty_;
 };
 
 }  // namespace qel

@@ -146,6 +146,8 @@ TEST_F(AuditExportTest, StartAfterEndGivesTheHeaderOnly) {
     EXPECT_EQ(exported(10, 9), header);
     EXPECT_EQ(exported(latest, earliest), header);
     EXPECT_TRUE(AuditExport::getLines(log_, 11, 9).isEmpty());
+    EXPECT_TRUE(AuditExport::getLines(log_, 10, 9).isEmpty());
+    EXPECT_TRUE(AuditExport::getLines(log_, 10, earliest).isEmpty());
     EXPECT_TRUE(AuditExport::getLines(log_, latest, earliest).isEmpty());
 }
 
@@ -186,10 +188,16 @@ TEST_F(AuditExportTest, ExistingFileIsReplaced) {
     EXPECT_EQ(exported(1, 2), header);
 }
 
-TEST_F(AuditExportTest, EmptyLogPathGivesTheHeaderAndNoLines) {
+TEST_F(AuditExportTest, OfAnEmptyLogPathTheFileHoldsWhatLiesThereAndTheLinesNothing) {
     record(10, event("a", "", ""));
     log_ = Item();
-    EXPECT_EQ(exported(earliest, latest), header);
+    EXPECT_EQ(exported(earliest, latest), header) << "what lies deeper belongs to others";
+    EXPECT_EQ(AuditExport::countLines(log_, earliest, latest), 0U);
+    record(20, event("b", "", ""));
+    record(21, event("c", "", ""));
+    EXPECT_EQ(users(20, 20), "b");
+    EXPECT_EQ(users(earliest, latest), "bc");
+    EXPECT_EQ(AuditExport::countLines(log_, earliest, latest), 2U);
     EXPECT_TRUE(AuditExport::getLines(log_, earliest, latest).isEmpty());
 }
 

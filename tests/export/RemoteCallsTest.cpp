@@ -156,6 +156,19 @@ TEST_F(RemoteCallsTest, FilterOfTwoElementsIsLoggedAndLeavesTheCallOpen) {
     EXPECT_EQ(context.handlers(), 0U);
 }
 
+TEST_F(RemoteCallsTest, EachOfTheThreeElementsOfAFilterIsNeeded) {
+    for (const Item& filter : {numbers(0, start), numbers(10, 20), numbers(0), Item()}) {
+        log_.clear();
+        TestRpcContext context("download_audit_report", downloadArguments(filter));
+        call(context);
+        EXPECT_EQ(log_.texts(logging::levelError),
+                  (std::vector<std::string>{"invalid parameters for audit export"}));
+        EXPECT_FALSE(context.isFinished());
+        EXPECT_TRUE(context.files().empty());
+        EXPECT_EQ(context.handlers(), 0U);
+    }
+}
+
 TEST_F(RemoteCallsTest, LogTypeBeyond32BitsIsAnInvalidFilter) {
     TestRpcContext context("download_audit_report", downloadArguments(numbers(1LL << 32, start, end)));
     call(context);
