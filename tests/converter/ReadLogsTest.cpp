@@ -86,13 +86,21 @@ class ResourceFiles : public ReadLogs {
 TEST_F(ResourceFiles, AllThreeAppearWithTheirBytesInPlaceOfOlderFiles) {
     offer("tmpl-d3.min.js", "script");
     offer("tmpl-zorvik-icon.png", std::string_view("\x89\0PNG", 5));
-    offer("tmpl-zorvik-slogan.png", "");
-    folder_.write("d3.min.js", "something older and longer");
+    offer("tmpl-zorvik-slogan.png", std::string_view("\x89\0\r\nPNG\0", 8));
+    for (const char* name : {"d3.min.js", "zorvik-icon.png", "zorvik-slogan.png"})
+        folder_.write(name, "something older and longer");
     converter_.getHTMLRessourceFiles(folder_.path().c_str());
     EXPECT_EQ(TemporaryFolder::read(folder_ / "d3.min.js"), "script");
     EXPECT_EQ(TemporaryFolder::read(folder_ / "zorvik-icon.png"), std::string("\x89\0PNG", 5));
-    EXPECT_TRUE(std::filesystem::exists(folder_ / "zorvik-slogan.png"));
+    EXPECT_EQ(TemporaryFolder::read(folder_ / "zorvik-slogan.png"), std::string("\x89\0\r\nPNG\0", 8));
     EXPECT_TRUE(log_.texts().empty());
+}
+
+TEST_F(ResourceFiles, AnEmptyOneGivesAnEmptyFile) {
+    offer("tmpl-d3.min.js", "");
+    folder_.write("d3.min.js", "older");
+    converter_.getHTMLRessourceFiles(folder_.path().c_str());
+    EXPECT_EQ(std::filesystem::file_size(folder_ / "d3.min.js"), 0U);
 }
 
 TEST_F(ResourceFiles, WithNoneThreeMessagesAppearInTheOrderOfTheTable) {

@@ -109,6 +109,14 @@ TEST_F(UsageReport, DayKeysTellMonthAndDayApart) {
     EXPECT_EQ(chart("Active users"), "anna: 3");
 }
 
+TEST_F(UsageReport, UsersWhoseNamesEndLikeADayKeyCountApart) {
+    for (const char* user : {"anna", "anna-3", "anna-3-2021"})
+        for (const char* date : {"3/5/2021", "3/-5/2021", "5/3/2021"})
+            interaction(date, user, "x");
+    report();
+    EXPECT_EQ(chart("Active users"), "anna: 3 | anna-3: 3 | anna-3-2021: 3");
+}
+
 TEST_F(UsageReport, UsersComeInTheOrderOfTheirBytes) {
     for (const char* user : {"b", "B", "a", ""})
         interaction("3/7/2021", user, "x");
@@ -182,6 +190,19 @@ TEST_F(UsageReport, AShortLineCountsNowhereButItsEmptyNameIsLookedUp) {
     report();
     EXPECT_EQ(chartsShown(), 0);
     EXPECT_EQ(asked_, (std::map<std::string, int>{{"", 1}}));
+}
+
+TEST_F(UsageReport, TheEmptyNameOfShortLinesIsLookedUpOnceInEitherLog) {
+    const std::string shortLine = "3/7/2021 10:00:00;anna;WS1";
+    const std::pair<std::string, std::string> logs[] = {
+        {shortLine, ""}, {"", shortLine}, {shortLine + '\n' + shortLine, shortLine + '\n' + shortLine}};
+    for (const auto& [interactions, audits] : logs) {
+        asked_.clear();
+        interaction_ = interactions.empty() ? "" : header + interactions;
+        audit_ = audits.empty() ? "" : header + audits;
+        report();
+        EXPECT_EQ(asked_, (std::map<std::string, int>{{"", 1}}));
+    }
 }
 
 TEST_F(UsageReport, ImplausibleDatesCountNowhere) {

@@ -1,4 +1,5 @@
 #include "converter/ReportFixture.h"
+#include "converter/UsageReport.h"
 
 namespace qel::test {
 namespace {
@@ -111,6 +112,23 @@ TEST_F(SharingCharts, WithoutDetailsTheDetailEventsLeaveNoTrace) {
     report(true);
     EXPECT_EQ(chart("Photodoc tagging used per month"), "March 2021: 1");
     EXPECT_EQ(chart("Photodoc photos viewed per month"), "March 2021: 1");
+}
+
+TEST_F(SharingCharts, WithoutDetailsNothingOfThemIsCounted) {
+    for (const char* event : {"PDReviewAssignPhotos;3", "PDReviewOpenView", "PDTaggingUsed", "PDConfirmDone"})
+        interaction("3/7/2021", "anna", event);
+    const std::string text = header + interaction_;
+    for (const bool details : {false, true}) {
+        UsageCounts counts = countUsage(
+            text, "", [](const String&) { return List<String>(); }, details);
+        EXPECT_EQ(counts.photoCountTexts.size(), details ? 4U : 0U);
+        for (EventByMonth* counter : {&counts.photosAssigned, &counts.taggingUsed, &counts.photosViewed}) {
+            counter->generate(1);
+            EXPECT_EQ(counter->chartRowLabels().size(), details ? 1U : 0U);
+        }
+        counts.photodocs.generate(1);
+        EXPECT_EQ(counts.photodocs.chartRowLabels().size(), 1U);
+    }
 }
 
 TEST_F(SharingCharts, MonthsWithoutARowAreAbsentPerChart) {

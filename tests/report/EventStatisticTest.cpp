@@ -98,6 +98,18 @@ TEST(EventStatistic, ASuppressedCallStillWidensTheChart) {
     EXPECT_EQ(other.chartRowLabels(), Labels{"a"});
 }
 
+TEST(EventStatistic, ASuppressedCallRaisesTheSeriesCountAgain) {
+    EventByMonth counter;
+    counter.increaseByOneOnlyOnceInMonth(3, 2021, "anna", 2);
+    counter.generate(1);
+    EXPECT_EQ(counter.seriesCount(), 1);
+    counter.increaseByOneOnlyOnceInMonth(3, 2021, "anna", 2);
+    EXPECT_EQ(counter.seriesCount(), 3);
+    // The rows come a second time, behind the first.
+    counter.generate(3);
+    EXPECT_EQ(counter.chartValues(), (Values{{0, 0}, {0}, {1}}));
+}
+
 TEST(EventStatistic, KeysThatJoinToOneTextCountOnce) {
     EventByCategory counter;
     counter.increaseByOneOnlyOnce("a-b", "c", 0);

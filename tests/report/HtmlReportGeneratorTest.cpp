@@ -88,6 +88,20 @@ TEST(HtmlReportGenerator, DescriptionsNeitherGetNorCauseASeparator) {
     EXPECT_EQ(count(page.body(), separator), 0);
 }
 
+TEST(HtmlReportGenerator, ADescriptionInBetweenSavesNoSeparator) {
+    Generator page;
+    page.addDescription("first");
+    page.chart();
+    page.addDescription("second");
+    page.chart();
+    page.addDescription("third");
+    page.table();
+    const std::string body = page.body();
+    EXPECT_EQ(count(body, separator), 2);
+    EXPECT_EQ(count(body, separator + "\n\t<div id=\"chart-1\">"), 1);
+    EXPECT_EQ(count(body, separator + "\n\t<div id=\"table-0\""), 1);
+}
+
 TEST(HtmlReportGenerator, ATableWithOnlyAHeaderRowAddsNothingAndUsesNoId) {
     Generator page;
     page.table({{"Column"}});

@@ -30,8 +30,12 @@ class AuditSequenceTest : public ::testing::Test {
 
 TEST_F(AuditSequenceTest, NullSequenceStoresNothing) {
     AuditSequence().append(event("lost"));
-    AuditSequence().deleteEventsBefore(100);
     EXPECT_TRUE(store_.isEmpty());
+    Item root;
+    root.addInteger(1);
+    root.store(event("of nobody's queue"));
+    AuditSequence().deleteEventsBefore(100);
+    EXPECT_EQ(AuditStore::value(root), event("of nobody's queue"));
 }
 
 TEST_F(AuditSequenceTest, AppendStoresTheEventAsItIsUnderItsTime) {
