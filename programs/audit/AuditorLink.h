@@ -33,15 +33,17 @@ class AuditorLink {
 
     const ServiceManager& manager_;
     WorkstationConfig config_;
-    Network network_;
-    std::shared_ptr<Peer> peer_;
-    std::unique_ptr<RpcClient> client_;
 
+    // Before the network, whose handlers touch them until it is gone.
     std::mutex mutex_;
     std::condition_variable changed_;
     bool connected_ = false;
     unsigned failedTries_ = 0;
     std::string trouble_;
+
+    Network network_;
+    std::shared_ptr<Peer> peer_;
+    std::unique_ptr<RpcClient> client_;
 };
 
 /// The failure of a call as a command's end: sentence and exit code.

@@ -145,7 +145,7 @@ class QELCORE_EXPORT ItemStore {
     StoreStatistics statistics() const;
     StoreSpace space();
     /// Called after each commit on the thread that made it; must be quick and must not use the store.
-    /// Replaces the last one.
+    /// Replaces the last one, which is not running any more on return.
     void setCommitObserver(std::function<void(const CommitReport&)> observer);
 
   private:

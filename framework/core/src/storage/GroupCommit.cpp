@@ -304,17 +304,13 @@ void GroupCommit::report(const CommitReport& report) {
         writes_ += report.writes;
         bytes_ += report.bytes;
     }
-    std::function<void(const CommitReport&)> observer;
-    {
-        const std::lock_guard guard(mutex_);
-        observer = observer_;
-    }
-    if (observer)
-        observer(report);
+    const std::lock_guard guard(observing_);
+    if (observer_)
+        observer_(report);
 }
 
 void GroupCommit::setObserver(std::function<void(const CommitReport&)> observer) {
-    const std::lock_guard guard(mutex_);
+    const std::lock_guard guard(observing_);
     observer_ = std::move(observer);
 }
 

@@ -92,6 +92,8 @@ class GroupCommit {
     Clock::time_point deadline_;
     bool urgent_ = false;
     bool stopping_ = false;
+    // Held while the observer runs, so that none does once it has been taken away.
+    std::mutex observing_;
     std::function<void(const CommitReport&)> observer_;
 
     std::atomic<bool> sweeping_{false};

@@ -138,7 +138,7 @@ class QEL_HIDDEN RpcClient::Inner {
         self->network()->post([self] {
             const std::lock_guard lock(self->mutex);
             if (!self->over)
-                self->query = std::make_unique<RpcQuery>(&self->client, self->inbox);
+                self->query = std::make_shared<RpcQuery>(&self->client, self->inbox);
         });
     }
     static void send(const std::shared_ptr<Inner>& self, const Ref<Packet>& packet) {
@@ -148,11 +148,16 @@ class QEL_HIDDEN RpcClient::Inner {
                 self->query->sendPacket(packet.get());
         });
     }
-    void close() {
-        std::unique_ptr<RpcQuery> last;
-        const std::lock_guard lock(mutex);
-        over = true;
-        last.swap(query);
+    // The query goes where its packets arrive: it may be receiving one.
+    static void close(const std::shared_ptr<Inner>& self) {
+        std::shared_ptr<RpcQuery> last;
+        {
+            const std::lock_guard lock(self->mutex);
+            self->over = true;
+            last.swap(self->query);
+        }
+        if (last != nullptr)
+            self->network()->post([self, last = std::move(last)]() mutable { last.reset(); });
     }
 
     NetworkPeer* network() const { return client.getPeer()->getNetworkPeer(); }
@@ -160,7 +165,7 @@ class QEL_HIDDEN RpcClient::Inner {
     Client client;
     const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
     std::mutex mutex;  // for the two below
-    std::unique_ptr<RpcQuery> query;
+    std::shared_ptr<RpcQuery> query;
     bool over = false;
     std::atomic<bool> cancelled{false};
     long long lastCall = 0;
@@ -171,7 +176,7 @@ RpcClient::RpcClient(Peer* peer, const std::string& service)
     Inner::openOn(inner_);
 }
 RpcClient::~RpcClient() {
-    inner_->close();
+    Inner::close(inner_);
 }
 
 bool RpcClient::open(unsigned milliseconds, std::string& reason) {

@@ -118,7 +118,8 @@ void ServerCall::runStep(const Step& step) {
 
 bool ServerCall::takeEnd() {
     const std::lock_guard lock(mutex_);
-    if (concluded_ || !(isFinished() || failure_.has_value()))
+    // Whoever is in the middle of `finish` needs this call until its result has been taken.
+    if (concluded_ || !(isFinished() ? answered_ : failure_.has_value()))
         return false;
     return concluded_ = true;
 }
@@ -303,8 +304,14 @@ CallAnswer ServerCall::makeAnswer() {
 }
 
 void ServerCall::sendResult(const Item&) const {
+    // From here on another thread may end the call and let it go.
+    const auto call = self().shared_from_this();
+    {
+        const std::lock_guard lock(mutex_);
+        call->answered_ = true;
+    }
     // Inside a step its end takes the result along; a handler that finishes from a thread of its own needs one.
-    self().addStep([] {});
+    call->addStep([] {});
 }
 
 // ----- files

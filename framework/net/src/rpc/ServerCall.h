@@ -101,6 +101,7 @@ class ServerCall : public RpcContext, public std::enable_shared_from_this<Server
     std::deque<Step> steps_;
     bool running_ = false;
     bool transferBegun_ = false;
+    bool answered_ = false;  // the result is complete, and `finish` is through with this object
     bool concluded_ = false;
     bool abandoned_ = false;
     std::optional<CallAnswer> failure_;
