@@ -30,8 +30,9 @@ class NetworkTest : public testing::Test {
     struct Workstation {
         std::atomic<int> connects{0};
         std::atomic<int> losses{0};
-        std::mutex mutex;
+        std::mutex mutex;  ///< of what the network's thread writes and the test reads: reason, gone, query
         std::string reason;
+        bool gone = false;  ///< what connects from now on gets no query
         // Behind what its handlers touch: they may run until it is gone.
         std::shared_ptr<Peer> peer;
         std::unique_ptr<Client> client;
@@ -41,14 +42,21 @@ class NetworkTest : public testing::Test {
             const std::lock_guard<std::mutex> lock(mutex);
             return reason;
         }
+        /// What has come back on this connection.
+        std::vector<long long> numbers() {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return query ? query->numbers() : std::vector<long long>();
+        }
         ~Workstation() {
             if (peer) {
-                std::promise<void> gone;
+                std::promise<void> ended;
                 peer->getNetworkPeer()->post([&] {
+                    const std::lock_guard<std::mutex> lock(mutex);
+                    gone = true;
                     query.reset();
-                    gone.set_value();
+                    ended.set_value();
                 });
-                gone.get_future().wait();
+                ended.get_future().wait();
             }
         }
         void send(long long number, std::size_t bytes = 0) {
@@ -58,7 +66,7 @@ class NetworkTest : public testing::Test {
             });
         }
         bool waitFor(std::size_t count) {
-            return eventually([&] { return query && query->numbers().size() >= count; });
+            return eventually([&] { return numbers().size() >= count; });
         }
     };
 
@@ -70,6 +78,9 @@ class NetworkTest : public testing::Test {
         Workstation* raw = station.get();
         options.backoffMilliseconds = 20;
         options.connected = [raw, serviceName, sessionType](Peer& peer) {
+            const std::lock_guard<std::mutex> renewing(raw->mutex);
+            if (raw->gone)
+                return;
             raw->query.reset();
             raw->client = std::make_unique<Client>(&peer, serviceName);
             raw->query = std::make_unique<EchoQuery>(raw->client.get(), sessionType);

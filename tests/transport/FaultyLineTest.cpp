@@ -128,8 +128,7 @@ class FaultyLineTest : public testing::Test {
 
 TEST_F(FaultyLineTest, CutsInTheMiddleOfFramesLoseAndDoubleNothing) {
     record(3000);
-    std::minstd_rand random(7);
-    run([&](int connection) {
+    run([random = std::minstd_rand(7)](int connection) mutable {
         FaultyLine::Fault fault;
         if (connection <= 25)
             fault.cutAfter = 200 + random() % 40000;

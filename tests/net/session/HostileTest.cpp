@@ -24,7 +24,7 @@ class HostileTest : public test::NetworkTest {
 
     /// One packet there and back proves that the station is served.
     bool isServed(Workstation& station) {
-        const std::size_t before = station.query->numbers().size();
+        const std::size_t before = station.numbers().size();
         station.send(1);
         return station.waitFor(before + 1);
     }
