@@ -222,7 +222,10 @@ TEST_F(RpcTest, AClientThatTakesNothingIsGivenUpButOneThatIsOnlySlowIsNot) {
         const std::uint64_t now = bytesAtClient();
         if (now == std::exchange(seen, now))
             return;
+        // No more than what is under way arrives meanwhile.
+        transport->holdToClient(true);
         transport->advance(2);
+        transport->holdToClient(false);
         seconds += 2;
     });
     EXPECT_TRUE(slow) << slow.sentence;
