@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/FaultyLine.h"
@@ -53,6 +55,20 @@ class ForwardingFixture : public ::testing::Test {
                             "agent-" + std::to_string(agents_++));
     }
 
+    /// Waits until fewer than `count` events are queued. The daemon, which stands still whenever that is asked, since asking
+    /// may take longer than emptying the queue, goes on.
+    bool beginsToEmpty(const Workstation& workstation, long long count) {
+        return waitFor(
+            [&] {
+                site_->daemon().signal(SIGSTOP);
+                const bool begun = queued(*site_, workstation) < count;
+                site_->daemon().signal(SIGCONT);
+                if (!begun)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+                return begun;
+            },
+            healing);
+    }
     bool empties(const Workstation& workstation) {
         return waitFor([&] { return queued(*site_, workstation) == 0; }, healing);
     }

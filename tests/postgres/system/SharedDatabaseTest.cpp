@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <thread>
 
 #include "postgres/system/SharedSite.h"
 #include "qelCore/ItemStore.h"
@@ -26,6 +27,20 @@ class SharedDatabase : public ::testing::Test {
     }
     ProcessResult run(std::vector<std::string> arguments) {
         return audit(folder_.path(), std::move(arguments));
+    }
+    /// Waits until that holds of a program in the midst of its work, which stands still whenever it is asked: asking takes
+    /// longer than the work may. Leaves it standing still.
+    static bool standsStillWhen(const Process& process, const std::function<bool()>& condition) {
+        return waitFor(
+            [&] {
+                process.signal(SIGSTOP);
+                if (condition())
+                    return true;
+                process.signal(SIGCONT);
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                return false;
+            },
+            std::chrono::seconds(120));
     }
     std::vector<std::string> lines() { return exportLines(folder_.path(), url_, "interaction"); }
     int forward(const Workstation& workstation) {
@@ -117,7 +132,7 @@ TEST_F(SharedDatabase, ACopyThatIsKilledGoesOnWhenItIsRunAgain) {
     ASSERT_EQ(sql("SELECT to_regclass('qel_items') IS NULL"), "t\n");
     Process copying(command, folder_.path(), "copy");
     // The record of how far it has come follows the entries.
-    ASSERT_TRUE(waitFor([&] {
+    ASSERT_TRUE(standsStillWhen(copying, [&] {
         return sql("SELECT to_regclass('qel_items') IS NOT NULL") == "t\n" && stored() > 0 &&
                sql("SELECT count(*) FROM qel_items WHERE key = '\\x026d'") == "1\n";
     }));
@@ -169,11 +184,12 @@ TEST_F(SharedDatabase, ExportsWhoseSnapshotIsLostLeaveNoFile) {
     Process exporting({program("qel-audit"), "export", "--store", url_, "--log", "interaction", "--from",
                        "1971", "--to", "2200", "--out", file},
                       folder_.path(), "export");
-    EXPECT_TRUE(waitFor([&] {
+    EXPECT_TRUE(standsStillWhen(exporting, [&] {
         return sql("SELECT count(pg_terminate_backend(pid, 5000)) FROM pg_stat_activity WHERE "
                    "application_name = 'qel' AND backend_xmin IS NOT NULL AND state = 'idle in "
                    "transaction'") != "0\n";
     }));
+    exporting.signal(SIGCONT);
     EXPECT_EQ(exporting.wait(std::chrono::seconds(60)), 74) << exporting.err();
     EXPECT_NE(exporting.err().find("could not be read to its end"), std::string::npos) << exporting.err();
     EXPECT_FALSE(std::filesystem::exists(file));
