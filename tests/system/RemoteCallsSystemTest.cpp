@@ -1,6 +1,7 @@
 #include <csignal>
 
 #include "support/CutProxy.h"
+#include "support/FaultyLine.h"
 #include "system/AuditorFixture.h"
 
 namespace qel {
@@ -263,6 +264,13 @@ TEST_F(RemoteCallsSystemTest, ACutAtEveryTenthLeavesNothingAndAgainWorks) {
 TEST_F(RemoteCallsSystemTest, AKilledDaemonLeavesNothingAtTheClientAndSweepsAtItsStart) {
     fill("interaction", past, 200000, std::string(150, 'x'));
     site.startDaemon();
+    // Slow enough to be killed in the midst of the file.
+    const test::FaultyLine line(site.port(), [](int) {
+        test::FaultyLine::Fault fault;
+        fault.delayMilliseconds = 200;
+        return fault;
+    });
+    test::setKey(anna.config(), "address", "\"" + line.address() + "\"");
     const auto client = site.agent(downloadArguments(into(), {"--log", "interaction"}), "client");
     ASSERT_TRUE(waitFor([&] { return entries(into()) > 0; }));
     site.killDaemon();
@@ -271,6 +279,7 @@ TEST_F(RemoteCallsSystemTest, AKilledDaemonLeavesNothingAtTheClientAndSweepsAtIt
     EXPECT_EQ(callFolders(), 1U);
     site.startDaemon();
     EXPECT_EQ(callFolders(), 0U);
+    test::setKey(anna.config(), "address", "\"" + site.address() + "\"");
     EXPECT_EQ(download(into(), {"--log", "interaction"}).code, 0);
 }
 

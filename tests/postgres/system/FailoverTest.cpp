@@ -15,7 +15,7 @@ namespace {
 // With QEL_FAILOVER_EVENTS=1000000 the long form.
 int eventCount() {
     const char* const wanted = std::getenv("QEL_FAILOVER_EVENTS");
-    return wanted == nullptr ? 8000 : std::atoi(wanted);
+    return wanted == nullptr ? 24000 : std::atoi(wanted);
 }
 
 double metric(const SharedDaemon& daemon, const std::string& name) {
