@@ -28,6 +28,7 @@ from proxy import Proxy  # noqa: E402
 from recorder import Pace, Recorder  # noqa: E402
 
 MOST_WAITING = 30000  # events of one workstation's queues, beyond which its recorder waits for the agent
+MAKING_UP_SECONDS = 120  # at the end, for the kinds of faults that have not happened
 KILLS = ("kill_daemon", "kill_agent", "kill_recorder", "kill_tool")
 
 
@@ -162,6 +163,17 @@ class Torture:
             self.site.ensure_agents()
             self.tell_problem()
 
+    def inflict_missing(self):
+        """What chance or a slow machine left out, one after the other: no kind goes unproved."""
+        until = time.monotonic() + MAKING_UP_SECONDS
+        while self.faults.missing() and time.monotonic() < until and not self.findings:
+            for kind in self.faults.missing():
+                self.faults.inflict(kind)
+                self.faults.revive_daemon()
+                self.site.ensure_agents()
+                self.tell_problem()
+            time.sleep(0.1)
+
     def tell_problem(self):
         if self.problem:
             raise self.problem
@@ -209,6 +221,10 @@ class Torture:
         while not self.findings and time.monotonic() < end:
             self.paused.clear()
             self.injure(min(end, time.monotonic() + self.checkpoint_seconds))
+            files = self.checkpoint()
+        if not self.findings and self.faults.missing():
+            self.paused.clear()
+            self.inflict_missing()
             files = self.checkpoint()
         if not self.findings:
             begin = time.monotonic()
