@@ -131,7 +131,7 @@ TEST(Credentials, LoadingInTheMidstOfARenewalWaitsForItsSecondFile) {
     const CredentialFiles renewed = site.workstationFiles("mueller", "WS-07-renewed");
     std::filesystem::rename(renewed.key, files.key);
     std::thread renewal([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
         std::filesystem::rename(renewed.certificate, files.certificate);
     });
     std::string error;

@@ -32,7 +32,8 @@ bool isBeingReplaced(const CredentialFiles& files) {
         struct stat status {};
         if (::stat(file.c_str(), &status) != 0)
             continue;
-        const auto age = now - std::chrono::seconds(status.st_ctim.tv_sec);
+        const auto age = now - std::chrono::seconds(status.st_ctim.tv_sec) -
+                         std::chrono::nanoseconds(status.st_ctim.tv_nsec);
         if (age >= -replacing && age <= replacing)
             return true;
     }
