@@ -133,20 +133,24 @@ void PostgresServer::initialise(const std::vector<std::string>& settings) {
 }
 
 void PostgresServer::start() {
-    fs::remove(data_ + "/postmaster.pid");
     fs::permissions(data_, fs::perms(0700));
-    // Ends with this process, however that ends.
-    process_ = std::make_unique<Process>(
-        isRoot() ? std::vector<std::string>{"/usr/bin/setpriv", std::string("--reuid=") + systemUser,
-                                            std::string("--regid=") + systemUser, "--clear-groups",
-                                            "--pdeathsig=QUIT", "--", binary("postgres"), "-D", data_}
-                 : std::vector<std::string>{binary("postgres"), "-D", data_},
-        folder_.path(), "server");
-    const bool ready = waitFor([this] {
-        return !process_->isRunning() ||
+    const auto isReady = [this] {
+        return process_->isRunning() &&
                process_->err().find("database system is ready to accept") != std::string::npos;
-    });
-    if (!ready || !process_->isRunning())
+    };
+    const auto startOnce = [&] {
+        fs::remove(data_ + "/postmaster.pid");
+        // Ends with this process, however that ends.
+        process_ = std::make_unique<Process>(
+            isRoot() ? std::vector<std::string>{"/usr/bin/setpriv", std::string("--reuid=") + systemUser,
+                                                std::string("--regid=") + systemUser, "--clear-groups",
+                                                "--pdeathsig=QUIT", "--", binary("postgres"), "-D", data_}
+                     : std::vector<std::string>{binary("postgres"), "-D", data_},
+            folder_.path(), "server");
+        return waitFor([&] { return isReady() || !process_->isRunning(); }) && isReady();
+    };
+    // Somebody may still have its port.
+    if (!waitFor([&] { return startOnce() || !foundPortTaken(*process_); }) || !isReady())
         throw std::runtime_error("the database server does not start: " + process_->err());
 }
 

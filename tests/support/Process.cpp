@@ -10,6 +10,8 @@
 
 #include <atomic>
 #include <csignal>
+#include <fstream>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -38,6 +40,17 @@ void redirect(const std::string& file, int descriptor) {
     pointers.push_back(nullptr);
     execvp(pointers[0], pointers.data());
     _exit(127);
+}
+
+bool canBind(int port) {
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    const bool bound = bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(descriptor);
+    return bound;
 }
 
 }  // namespace
@@ -95,6 +108,10 @@ std::string Process::err() const {
     return TemporaryFolder::read(errFile_);
 }
 
+bool foundPortTaken(const Process& process) {
+    return (process.out() + process.err()).find("Address already in use") != std::string::npos;
+}
+
 ProcessResult runProgram(const std::vector<std::string>& arguments, const std::string& folder,
                          std::chrono::seconds limit) {
     static std::atomic<int> counter{0};
@@ -114,17 +131,18 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::seconds limit)
 }
 
 int freePort() {
-    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    const bool found = bind(descriptor, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-                       getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0;
-    close(descriptor);
-    if (!found)
-        throw std::runtime_error("no free port on the loopback address");
-    return ntohs(address.sin_port);
+    constexpr int lowest = 10000;
+    int given = 32768;
+    std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> given;
+    const int count = (given > lowest + 1000 ? given : 65536) - lowest;
+    // Two programs begin at two places, and one gets no port twice.
+    static std::atomic<unsigned> next{std::random_device()()};
+    for (int tries = 0; tries < count; ++tries) {
+        const int port = lowest + static_cast<int>(next++ % static_cast<unsigned>(count));
+        if (canBind(port))
+            return port;
+    }
+    throw std::runtime_error("no free port on the loopback address");
 }
 
 std::string program(const std::string& name) {

@@ -47,14 +47,18 @@ class Process {
     std::string errFile_;
 };
 
+/// Whether somebody else had the port on which the program was to listen.
+bool foundPortTaken(const Process& process);
+
 /// Runs a program to its end.
 ProcessResult runProgram(const std::vector<std::string>& arguments, const std::string& folder,
-                         std::chrono::seconds limit = std::chrono::seconds(60));
+                         std::chrono::seconds limit = std::chrono::seconds(120));
 
 /// Asks every few milliseconds until `condition` holds; false when `limit` passes first.
-bool waitFor(const std::function<bool()>& condition, std::chrono::seconds limit = std::chrono::seconds(30));
+bool waitFor(const std::function<bool()>& condition, std::chrono::seconds limit = std::chrono::seconds(60));
 
-/// A port of the loopback address that was free a moment ago.
+/// A port of the loopback address that was free a moment ago and that the system gives to nobody who asks for any port: it
+/// is still free when the program that it is meant for starts, or starts again.
 int freePort();
 
 /// The path of one of this build's programs.

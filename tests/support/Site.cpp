@@ -57,11 +57,14 @@ Workstation Site::enroll(const std::string& user, const std::string& device) {
 void Site::startDaemon(const std::vector<std::string>& prefix) {
     std::vector<std::string> arguments = prefix;
     arguments.insert(arguments.end(), {program("qel-auditd"), "--config", config()});
-    daemon_ = std::make_unique<Process>(arguments, folder(), "daemon-" + std::to_string(starts_++));
     const auto listens = [this] {
         return (daemon_->out() + daemon_->err()).find("listening on ") != std::string::npos;
     };
-    if (!waitFor([&] { return listens() || !daemon_->isRunning(); }) || !listens())
+    const auto start = [&] {
+        daemon_ = std::make_unique<Process>(arguments, folder(), "daemon-" + std::to_string(starts_++));
+        return waitFor([&] { return listens() || !daemon_->isRunning(); }) && listens();
+    };
+    if (!waitFor([&] { return start() || !foundPortTaken(*daemon_); }) || !listens())
         throw std::runtime_error("the daemon does not listen: " + daemonLog());
 }
 

@@ -32,7 +32,8 @@ class Site {
 
     Workstation enroll(const std::string& user, const std::string& device);
 
-    /// Starts the daemon and waits until it listens. `prefix` stands before its command line, for tracing.
+    /// Starts the daemon and waits until it listens; again while somebody still has its port. `prefix` stands before its
+    /// command line, for tracing.
     void startDaemon(const std::vector<std::string>& prefix = {});
     /// kill -9.
     void killDaemon();

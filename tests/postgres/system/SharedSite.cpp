@@ -44,11 +44,14 @@ SharedDaemon::SharedDaemon(const std::string& folder, const std::string& name, c
 }
 
 bool SharedDaemon::start() {
-    process_ =
-        std::make_unique<Process>(std::vector<std::string>{program("qel-auditd"), "--config", config()},
-                                  base_, name_ + "-" + std::to_string(starts_++));
     const auto listens = [this] { return log().find("listening on ") != std::string::npos; };
-    return waitFor([&] { return listens() || !process_->isRunning(); }) && listens();
+    const auto startOnce = [&] {
+        process_ =
+            std::make_unique<Process>(std::vector<std::string>{program("qel-auditd"), "--config", config()},
+                                      base_, name_ + "-" + std::to_string(starts_++));
+        return waitFor([&] { return listens() || !process_->isRunning(); }) && listens();
+    };
+    return waitFor([&] { return startOnce() || !foundPortTaken(*process_); }) && listens();
 }
 
 std::string SharedDaemon::get(const std::string& path) const {

@@ -19,7 +19,7 @@ class SharedDaemon {
     std::string config() const { return folder_ + "/qel-auditd.toml"; }
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
-    /// Starts it; true once it listens, false when it ended before.
+    /// Starts it, again while somebody still has its port; true once it listens, false when it ended before.
     bool start();
     Process& process() { return *process_; }
     /// The answer of its metrics listener to GET, body alone.
