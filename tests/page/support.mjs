@@ -60,6 +60,7 @@ let browser;
 export async function startBrowser() {
   browser = await chromium.launch({
     executablePath: '/usr/bin/chromium',
+    timeout: 120000,
     args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
       '--disable-background-networking', '--disable-component-update', '--disable-sync'],
   });
@@ -72,6 +73,7 @@ export async function stopBrowser() {
 /** Opens a file; `faults` collects everything that a browser complains about. */
 export async function open(context, file, viewport = { width: 1300, height: 900 }) {
   const page = await browser.newPage({ viewport });
+  page.setDefaultTimeout(120000);
   context.after(() => page.close());
   const faults = [];
   page.on('console', message => { if (message.type() === 'error') faults.push(message.text()); });

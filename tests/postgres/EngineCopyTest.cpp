@@ -49,7 +49,7 @@ TEST(Postgres, ACopyWhoseDatabaseVanishesSaysSoAndGoesOnLater) {
     const auto embedded = openFilled(folder / "store", 40000);
     PostgresServer server;
     StoreOptions options;
-    options.patienceMilliseconds = 300;
+    options.patienceMilliseconds = 2000;
     for (const bool isTarget : {true, false}) {
         const auto shared = openStore(server.storeUrl("vanishes"), options);
         const auto other = isTarget ? nullptr : openStore("lmdb:" + (folder / "back"));

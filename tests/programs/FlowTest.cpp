@@ -177,7 +177,7 @@ TEST_F(FlowTest, AgentForwardsWhatIsRecordedWhileItRuns) {
     ASSERT_TRUE(agent.waitFor("connected to ")) << agent.err();
     record("anna", "[\"A\"]\n[\"B\"]\n");
     std::string queue;
-    for (int i = 0; i < 200 && queue.rfind("{\"count\":0,", 0) != 0; ++i) {
+    for (int i = 0; i < 1200 && queue.rfind("{\"count\":0,", 0) != 0; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         queue = audit({"queue", "--config", config("anna"), "--json"}).out;
     }

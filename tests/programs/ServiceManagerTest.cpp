@@ -36,7 +36,7 @@ class NotifySocket {
 
     /// Waits for a message with that line; those before it are kept in `heard`.
     bool hear(const std::string& line) {
-        constexpr int patience = 20000;
+        constexpr int patience = 60000;
         pollfd ready{handle_, POLLIN, 0};
         while (::poll(&ready, 1, patience) == 1) {
             char buffer[4096];

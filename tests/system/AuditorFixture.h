@@ -36,10 +36,10 @@ class CallLink {
         };
         peer_ = network_.connect({site.address()}, credentials, options);
         std::unique_lock lock(mutex_);
-        if (!changed_.wait_for(lock, std::chrono::seconds(20), [this] { return connected_; }))
+        if (!changed_.wait_for(lock, std::chrono::seconds(60), [this] { return connected_; }))
             throw std::runtime_error("no connection to the daemon");
         client_ = std::make_unique<RpcClient>(peer_.get(), "calls");
-        if (!client_->open(20000, error))
+        if (!client_->open(60000, error))
             throw std::runtime_error(error);
     }
     ~CallLink() {

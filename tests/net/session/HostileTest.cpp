@@ -36,7 +36,7 @@ TEST_F(HostileTest, GarbageIsRefusedWithASentenceAndNothingElseHappens) {
          {"GET / HTTP/1.1\r\nHost: x\r\n\r\n", "\x16\x03\x01\xff\xff garbage", "QELN"}) {
         RawClient stranger(address);
         stranger.send(garbage + std::string(64, '\xa5'));
-        EXPECT_TRUE(stranger.isClosedWithin(10000));
+        EXPECT_TRUE(stranger.isClosedWithin(30000));
     }
     EXPECT_TRUE(eventually([&] { return refused("garbage") == 3; }));
     EXPECT_TRUE(log_.contains("is refused: the other end does not speak TLS 1.3 as expected"));
@@ -48,7 +48,7 @@ TEST_F(HostileTest, WhoStopsInTheHandshakeIsClosedInTime) {
     NetworkLimits limits;
     limits.handshakeSeconds = 1;
     RawClient silent(listen(nullptr, limits));
-    EXPECT_TRUE(silent.isClosedWithin(10000));
+    EXPECT_TRUE(silent.isClosedWithin(30000));
     EXPECT_TRUE(log_.waitFor("it did not finish the TLS handshake within 1 seconds"));
     EXPECT_EQ(refused("handshake timeout"), 1u);
 }
@@ -59,7 +59,7 @@ TEST_F(HostileTest, OneByteAfterTheOtherIsStillTooSlow) {
     RawClient slow(listen(nullptr, limits));
     const std::string begin("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11);
     bool closed = false;
-    for (std::size_t i = 0; i < 200 && !closed; ++i) {
+    for (std::size_t i = 0; i < 1200 && !closed; ++i) {
         slow.send(begin.substr(std::min(i, begin.size() - 1), 1));
         closed = slow.isClosedWithin(50);
     }
@@ -75,7 +75,7 @@ TEST_F(HostileTest, TheOldestHandshakeMakesRoomForNewOnes) {
         idlers.push_back(std::make_unique<RawClient>(address));
     const auto station = connect({address});
     EXPECT_TRUE(eventually([&] { return station->connects == 1; })) << station->lastReason();
-    EXPECT_TRUE(idlers.front()->isClosedWithin(10000));
+    EXPECT_TRUE(idlers.front()->isClosedWithin(30000));
     EXPECT_LE(server_.getStatistics().handshakesNow, 8u);
 }
 
@@ -101,14 +101,14 @@ TEST_F(HostileTest, ThousandsOfStrangersKeepNoWorkstationFromBeingServed) {
     EXPECT_LT(log_.count("is refused"), 1000);
 }
 
-/// Memory of this process in bytes.
-std::size_t residentBytes() {
+/// Memory of this process in bytes; signed, as it may have become less between two looks.
+long long residentBytes() {
     std::FILE* file = std::fopen("/proc/self/statm", "r");
     long pages = 0;
     long resident = 0;
     EXPECT_EQ(std::fscanf(file, "%ld %ld", &pages, &resident), 2);
     std::fclose(file);
-    return static_cast<std::size_t>(resident) * 4096;
+    return static_cast<long long>(resident) * 4096;
 }
 
 TEST_F(HostileTest, IdleConnectionsAreSmall) {
@@ -121,11 +121,11 @@ TEST_F(HostileTest, IdleConnectionsAreSmall) {
         return eventually([&] { return server_.getStatistics().sessionsNow == count; });
     };
     ASSERT_TRUE(add(20));
-    [[maybe_unused]] const std::size_t before = residentBytes();
+    [[maybe_unused]] const long long before = residentBytes();
     ASSERT_TRUE(add(120));
 #ifndef QEL_SANITIZED  // A sanitizer's own memory is several times the program's.
     // Both ends live in this process, so each of a hundred pairs may take twice the 100 KiB of one end.
-    EXPECT_LT((residentBytes() - before) / 100, 200u * 1024u);
+    EXPECT_LT((residentBytes() - before) / 100, 200 * 1024);
 #endif
 }
 

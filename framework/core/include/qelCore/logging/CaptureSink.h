@@ -34,7 +34,7 @@ class QELCORE_EXPORT CaptureSink {
     int count(std::string_view part) const;
     bool contains(std::string_view part) const { return count(part) > 0; }
     /// Waits until a line holds `part`; false when none does within the time.
-    bool waitFor(std::string_view part, int milliseconds = 10000) const;
+    bool waitFor(std::string_view part, int milliseconds = 30000) const;
     void clear();
 
   private:
