@@ -22,7 +22,8 @@ import tomllib
 HERE = pathlib.Path(__file__).resolve()
 ROOT = HERE.parents[2]
 BUILD = ROOT / "build" / "dev"
-TEST_SECONDS = 100  # a fault may also show in tests that never end
+FAULT_SECONDS = 100  # a fault may also show in tests that never end
+WHOLE_SECONDS = 1200
 
 # In the name space: mounts the view, then plants, builds and tests.
 VIEW = """set -e
@@ -60,12 +61,12 @@ def build(program):
         sys.exit(f"{program} does not build:\n{run.stdout[-3000:]}")
 
 
-def test(program, tests):
+def test(program, tests, seconds):
     """The first test that fails, or None; and how many ran."""
-    command = [BUILD / "bin" / program, f"--gtest_filter={tests}", "--gtest_color=no"]
+    command = [BUILD / "bin" / program, f"--gtest_filter={tests}", "--gtest_color=no", "--gtest_fail_fast"]
     try:
         output = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, cwd=BUILD, text=True, errors="replace",
-                                timeout=TEST_SECONDS, check=False).stdout
+                                timeout=seconds, check=False).stdout
     except subprocess.TimeoutExpired as late:
         output = (late.stdout or b"").decode(errors="replace")
     begun = re.findall(r"^\[ RUN      \] (\S+)", output, re.MULTILINE)
@@ -76,7 +77,7 @@ def test(program, tests):
 def inside(fault):
     plant(fault)
     build(fault["program"])
-    failed, _ = test(fault["program"], fault["tests"])
+    failed, _ = test(fault["program"], fault["tests"], FAULT_SECONDS)
     print(failed or "")
 
 
@@ -95,7 +96,7 @@ def without_faults(faults):
         filters.setdefault(fault["program"], []).append(fault["tests"])
     problems = []
     for program, tests in filters.items():
-        failed, _ = test(program, ":".join(tests))
+        failed, _ = test(program, ":".join(tests), WHOLE_SECONDS)
         if failed:
             problems.append(f"{failed} of {program} fails without any fault")
     for fault in faults:

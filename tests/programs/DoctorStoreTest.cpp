@@ -107,8 +107,8 @@ TEST_F(DoctorStoreTest, LogsAndAQueueThatNobodyHasBound) {
 
 TEST_F(DoctorStoreTest, GroupsThatAreAFolder) {
     beWell();
-    const test::ProgramResult result =
-        audit({"doctor", "--config", config("anna"), "--quiet", "--groups", folder_.path()});
+    const test::ProgramResult result = audit(
+        {"doctor", "--config", config("anna"), "--quiet", "--least-free", "1", "--groups", folder_.path()});
     EXPECT_EQ(result.code, 1);
     expectFault(result.out, folder_.path() + ": Is a directory", "write one user;group1;group2 per line");
 }

@@ -1,5 +1,7 @@
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "SiteFixture.h"
 #include "common/ConfigFile.h"
 #include "common/Folders.h"
@@ -25,6 +27,9 @@ class DoctorTest : public SiteFixture {
     }
     std::string doctor(const std::string& file, std::vector<std::string> more = {}) {
         std::vector<std::string> arguments{"doctor", "--config", file, "--quiet"};
+        // Only where a test asks for it is the room on this machine's disk a fault.
+        if (std::find(more.begin(), more.end(), "--least-free") == more.end())
+            arguments.insert(arguments.end(), {"--least-free", "1"});
         arguments.insert(arguments.end(), more.begin(), more.end());
         const test::ProgramResult result = audit(arguments);
         EXPECT_EQ(result.code, result.out.empty() ? 0 : 1) << result.out << result.err;
@@ -54,8 +59,8 @@ class DoctorTest : public SiteFixture {
 
 TEST_F(DoctorTest, NothingIsFoundWhereAllIsWell) {
     beWell();
-    EXPECT_EQ(doctor(daemonConfig(), {"--least-free", "1"}), "");
-    EXPECT_EQ(doctor(config("anna"), {"--least-free", "1"}), "");
+    EXPECT_EQ(doctor(daemonConfig()), "");
+    EXPECT_EQ(doctor(config("anna")), "");
     const test::ProgramResult json =
         audit({"doctor", "--config", config("anna"), "--least-free", "1", "--json"});
     EXPECT_EQ(json.out.rfind("{\"faults\":0,\"findings\":[{\"check\":\"configuration\",\"well\":true}", 0),

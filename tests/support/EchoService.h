@@ -126,7 +126,7 @@ class EchoQuery : public Client::Query {
 
 /// Waits until `condition` holds, at most thirty seconds; whether it did.
 inline bool eventually(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end)
             return false;

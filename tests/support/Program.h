@@ -76,7 +76,7 @@ class Program {
     void signal(int number) const { ::kill(pid_, number); }
 
     /// Reads on until standard output or error holds `text`; false when the program ends or time runs out before.
-    bool waitFor(const std::string& text, int milliseconds = 30000) {
+    bool waitFor(const std::string& text, int milliseconds = 60000) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
         while (result_.out.find(text) == std::string::npos && result_.err.find(text) == std::string::npos) {
             if (std::chrono::steady_clock::now() > end || !readSome(100))
