@@ -58,6 +58,9 @@ bool canBind(int port) {
 Process::Process(const std::vector<std::string>& arguments, const std::string& folder,
                  const std::string& name)
     : outFile_(folder + "/" + name + ".out"), errFile_(folder + "/" + name + ".err") {
+    // What an earlier program of that name said must not be taken for the words of this one.
+    for (const std::string& file : {outFile_, errFile_})
+        unlink(file.c_str());
     pid_ = fork();
     if (pid_ < 0)
         throw std::runtime_error("fork failed");
