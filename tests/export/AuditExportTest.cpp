@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/fsuid.h>
 #include <sys/resource.h>
 
 #include <filesystem>
@@ -32,24 +33,22 @@ constexpr long long march = 1614949509000000;
 constexpr long long earliest = std::numeric_limits<long long>::min();
 constexpr long long latest = std::numeric_limits<long long>::max();
 
-/// What this process may use of something, while it lives.
-class ResourceLimit {
+/// Files of this process may not grow beyond while it lives.
+class FileSizeLimit {
   public:
-    ResourceLimit(decltype(RLIMIT_FSIZE) resource, rlim_t most)
-        : resource_(resource), handler_(signal(SIGXFSZ, SIG_IGN)) {
-        getrlimit(resource_, &before_);
-        const rlimit limit{most, before_.rlim_max};
-        setrlimit(resource_, &limit);
+    explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit{bytes, before_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
     }
-    ~ResourceLimit() {
-        setrlimit(resource_, &before_);
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &before_);
         signal(SIGXFSZ, handler_);
     }
-    ResourceLimit(const ResourceLimit&) = delete;
-    ResourceLimit& operator=(const ResourceLimit&) = delete;
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
 
   private:
-    decltype(RLIMIT_FSIZE) resource_;
     void (*handler_)(int);
     rlimit before_{};
 };
@@ -232,16 +231,21 @@ TEST_F(AuditExportTest, FullDiskIsLoggedAndTheCallerIsNotTold) {
               "The export to /dev/full was given up: No space left on device");
 }
 
+// It could be removed: that is a right to the folder.
 TEST_F(AuditExportTest, FileThatCouldNotEvenBeOpenedStays) {
+    namespace fs = std::filesystem;
     record(10, event("a", "", ""));
     std::ofstream(file()) << "somebody's";
+    fs::permissions(file(), fs::perms::owner_read | fs::perms::others_read);
+    fs::permissions(folder_.path(), fs::perms::all);
     logging::CaptureSink log;
-    {
-        const ResourceLimit limit(RLIMIT_NOFILE, 0);
-        AuditExport::exportCSV(file().c_str(), log_, earliest, latest);
-    }
+    // Root may open everything: this thread opens it as nobody then.
+    constexpr uid_t nobody = 65534;
+    const int before = setfsuid(nobody);
+    AuditExport::exportCSV(file().c_str(), log_, earliest, latest);
+    setfsuid(static_cast<uid_t>(before));
     EXPECT_EQ(TemporaryFolder::read(file()), "somebody's");
-    EXPECT_TRUE(log.contains("was given up: Too many open files"));
+    EXPECT_TRUE(log.contains("was given up: Permission denied"));
 }
 
 TEST_F(AuditExportTest, FileThatCouldNotBeWrittenToItsEndIsRemoved) {
@@ -250,7 +254,7 @@ TEST_F(AuditExportTest, FileThatCouldNotBeWrittenToItsEndIsRemoved) {
         record(time, event("a", "", ""));
     batch.commit();
     logging::CaptureSink log;
-    const ResourceLimit limit(RLIMIT_FSIZE, 4096);
+    const FileSizeLimit limit(4096);
     AuditExport::exportCSV(file().c_str(), log_, earliest, latest);
     EXPECT_FALSE(std::filesystem::exists(file()));
     EXPECT_TRUE(log.contains("was given up: File too large"));
