@@ -14,6 +14,7 @@
 #include "qelCore/logging/CaptureSink.h"
 #include "qelNet/Network.h"
 #include "support/AuditStore.h"
+#include "support/EchoService.h"
 #include "support/TestSite.h"
 
 namespace qel {
@@ -59,9 +60,13 @@ class FaultyLineTest : public testing::Test {
     }
 
     void serve() {
-        const Listening listening =
-            server_->listen("127.0.0.1:" + std::to_string(port_), {&service_}, serverIs_, limits_);
-        ASSERT_TRUE(listening) << listening.error;
+        Listening listening;
+        // After a restart some connection of others may have the port for a moment.
+        ASSERT_TRUE(test::eventually([&] {
+            listening =
+                server_->listen("127.0.0.1:" + std::to_string(port_), {&service_}, serverIs_, limits_);
+            return bool(listening);
+        })) << listening.error;
         port_ = listening.port;
     }
 
