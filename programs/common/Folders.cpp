@@ -55,6 +55,10 @@ void replaceFile(const std::string& file, const std::string& bytes) {
         ::unlink(beside.c_str());
         throw systemFailure(exitInputOutput, file, error);
     }
+    // Who could read the older file reads the newer one.
+    struct stat older {};
+    if (::stat(file.c_str(), &older) == 0)
+        ::chmod(beside.c_str(), older.st_mode & 07777);
     if (std::rename(beside.c_str(), file.c_str()) != 0)
         throw systemFailure(exitCannotCreate, file, errno);
 }

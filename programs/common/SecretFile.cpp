@@ -32,6 +32,8 @@ void writeNew(const std::string& file, const std::string& bytes, mode_t mode) {
     const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     if (descriptor < 0)
         throw systemFailure(exitCannotCreate, file, errno);
+    // Whatever the umask of whoever runs this: the service's user reads configurations and certificates, too.
+    ::fchmod(descriptor, mode);
     std::size_t written = 0;
     while (written < bytes.size()) {
         const ssize_t count = ::write(descriptor, bytes.data() + written, bytes.size() - written);

@@ -165,11 +165,24 @@ bool Site::revoke(const std::string& certificate, const AuthorityKey& key) const
         throw Failure(exitBadData, error);
     if (!authority->revoke(certificate, revocationList(), error))
         throw Failure(exitInputOutput, error);
+    return nameList();
+}
+
+bool Site::nameList() const {
+    DaemonConfig config;
+    readConfig(configuration(), config);
+    const std::string named = config.resolve(config.tls.revoked);
+    if (!named.empty() &&
+        std::filesystem::weakly_canonical(named) == std::filesystem::weakly_canonical(revocationList()))
+        return false;
     std::string text = readTextFile(configuration());
     const std::string none = "\nrevoked = \"\"\n";
     const std::size_t place = text.find(none);
-    if (place == std::string::npos)
-        return false;
+    if (!named.empty() || place == std::string::npos)
+        throw Failure(exitConfiguration,
+                      configuration() + ": names " + (named.empty() ? "no list" : named + " as the list") +
+                          " of whom to shut out, expected revoked = \"" + listName + "\" in [tls]; " +
+                          revocationList() + " is written, but does not count before that");
     text.replace(place, none.size(), std::string("\nrevoked = \"") + listName + "\"\n");
     replaceFile(configuration(), text);
     return true;

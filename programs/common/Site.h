@@ -37,7 +37,7 @@ class Site {
               const std::string& state = {}, const std::string& store = {}) const;
 
     /// Adds the certificate to the site's revocation list, and names that list in the configuration if none is named yet:
-    /// whether it had to, and the server has to be restarted.
+    /// whether it had to, and the server has to be restarted. Fails behind the list if another one is named there.
     bool revoke(const std::string& certificate, const AuthorityKey& key) const;
 
     std::unique_ptr<Authority> loadAuthority(const AuthorityKey& key) const;
@@ -47,6 +47,7 @@ class Site {
   private:
     void writeConfiguration(const std::string& host, const std::string& state,
                             const std::string& store) const;
+    bool nameList() const;
     void makeFolder(const std::string& state) const;
     std::string keyFile(const AuthorityKey& key) const;
     void createInFolder(const std::string& host, const AuthorityKey& key, const std::string& state,

@@ -181,6 +181,54 @@ TEST_F(SiteTest, ARevocationWithoutAListInTheConfigurationNamesItThereAndAsksFor
     EXPECT_TRUE(std::filesystem::exists(folder_ / "site/revoked.crl"));
 }
 
+TEST_F(SiteTest, ARevocationThatWouldNotCountIsAFailure) {
+    ASSERT_EQ(init("site").code, 0);
+    const std::string file = folder_ / "site/qel-auditd.toml";
+    const std::string named = "\nrevoked = \"revoked.crl\"\n";
+    const std::string text = test::TemporaryFolder::read(file);
+    const std::size_t at = text.find(named);
+    ASSERT_NE(at, std::string::npos);
+    const std::vector<std::string> revoke{"revoke", folder_ / "site", "--certificate",
+                                          folder_ / "site/server.crt"};
+    for (const char* other :
+         {"\n", "\nrevoked=\"\"\n", "\nrevoked = \"\" # none yet\n", "\nrevoked = \"elsewhere.crl\"\n"}) {
+        folder_.write("site/qel-auditd.toml", std::string(text).replace(at, named.size(), other));
+        const test::ProgramResult result = audit(revoke);
+        EXPECT_EQ(result.code, 78) << other;
+        EXPECT_NE(result.err.find("expected revoked = \"revoked.crl\" in [tls]"), std::string::npos)
+            << result.err;
+    }
+    for (const std::string& same : {std::string("\nrevoked=\"./revoked.crl\" # ours\n"),
+                                    "\nrevoked = \"" + (folder_ / "site/revoked.crl") + "\"\n"}) {
+        folder_.write("site/qel-auditd.toml", std::string(text).replace(at, named.size(), same));
+        EXPECT_EQ(audit(revoke).code, 0) << same;
+    }
+}
+
+TEST_F(SiteTest, WhatTheServiceReadsStaysReadableWhateverTheUmask) {
+    const mode_t before = ::umask(077);
+    const test::ProgramResult made = init("site", {"--state", folder_ / "state"});
+    const std::string file = folder_ / "site/qel-auditd.toml";
+    std::string text = test::TemporaryFolder::read(file);
+    const std::string named = "\nrevoked = \"revoked.crl\"\n";
+    ASSERT_NE(text.find(named), std::string::npos);
+    std::ofstream(file) << text.replace(text.find(named), named.size(), "\nrevoked = \"\"\n");
+    const test::ProgramResult revoked =
+        audit({"revoke", folder_ / "site", "--certificate", folder_ / "site/server.crt"});
+    const test::ProgramResult renewed = audit({"renew", folder_ / "site"});
+    ::umask(before);
+    EXPECT_EQ(made.code, 0) << made.err;
+    EXPECT_EQ(revoked.code, 0) << revoked.err;
+    EXPECT_EQ(renewed.code, 0) << renewed.err;
+    const auto mode = [this](const char* name) {
+        return static_cast<unsigned>(std::filesystem::status(folder_.path() + "/site/" + name).permissions());
+    };
+    for (const char* name : {"authority.crt", "server.crt", "revoked.crl", "qel-auditd.toml"})
+        EXPECT_EQ(mode(name), 0644U) << name;
+    for (const char* name : {"authority.key", "server.key", "site.key"})
+        EXPECT_EQ(mode(name), 0600U) << name;
+}
+
 TEST_F(SiteTest, ServerNameThatCannotBeLeavesNoHalfSiteBehind) {
     for (const char* wrong : {"a b", "", "name:7443", "a/b"}) {
         const test::ProgramResult result = audit({"init", folder_ / "site", "--server", wrong});

@@ -96,7 +96,8 @@ bool writeFile(const std::string& file, std::string_view content, unsigned mode,
         error = sentence("cannot create", fresh, errno);
         return false;
     }
-    bool done = writeAll(handle, content);
+    // Whatever the umask of whoever runs this: certificates and lists are read by the service's user, too.
+    bool done = ::fchmod(handle, mode) == 0 && writeAll(handle, content);
     int code = errno;
     ::close(handle);
     if (done && std::rename(fresh.c_str(), file.c_str()) != 0) {
