@@ -36,16 +36,16 @@ class QELAUDITING_EXPORT AuditAside {
     static constexpr long long limit = 1000;
 
     /// Keeps a copy of what stands under `key`, an entry of `log`, with its raw value. False when the limit
-    /// is reached. As durable as any other write of this thread.
+    /// is reached, or the store refuses it. As durable as any other write of this thread.
     static bool keep(AsideReason reason, const Item& log, const Item& key, ConstByteSpan value);
 
     /// What `keep` would store: keys and values. Empty when the limit is reached.
     static std::vector<std::pair<Item, Item>> entriesFor(AsideReason reason, const Item& log, const Item& key,
                                                          ConstByteSpan value);
 
-    /// Puts the parked events of the queue `log` back where they stood, to be sent again: how many. For when the service takes
-    /// larger ones than before. Each is durable in the one place or the other at any time; one that
-    /// the store does not take stays parked.
+    /// Puts the parked events of the queue `log` back where they stood, to be sent again, the last one first: how many.
+    /// For when the service takes larger ones than before. Each is durable in the one place or the other at
+    /// any time. Ends before the first one that this store does not take.
     static long long returnParked(const Item& log);
 
     /// How many entries are kept for `log`; costs one look-up, not a walk.

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "auditing/AuditSequence.h"
 #include "auditing/Export.h"
@@ -11,6 +13,8 @@
 #include "qelNet/Client.h"
 
 namespace qel {
+
+struct CommitResult;
 
 /// The client end of the audit transport, bound to one peer, the audit service. It may carry several queries,
 /// one per queue. Used on the thread that delivers its peer's packets.
@@ -33,7 +37,8 @@ struct AuditQueryStatistics {
     unsigned long long sent = 0;
     unsigned long long acknowledged = 0;
     unsigned long long damaged = 0;  ///< queue entries that could not be read: kept aside, then removed
-    unsigned long long parked = 0;   ///< events larger than the service takes: kept aside, then removed
+    unsigned long long parked =
+        0;  ///< events larger than the service takes: kept aside on disk, then removed
 };
 
 /// Drains one queue to the service: sends its events oldest first, keeps at most `window` of them
@@ -77,12 +82,14 @@ class QELAUDITING_EXPORT AuditClient::AuditQuery : public Client::Query {
   private:
     bool connectionTakesPackets() const;
     bool processEntry(Item& position, Item& event);
+    bool hasParkedEnough() const;
+    void removeParked(const CommitResult& kept);
     bool readEvent(Item& position, Item& event);
     bool send(Item& position, long long time, const Item& event);
     void removeDamaged(Item& position, const char* message);
     bool reportOnce(const Item& position);
     bool isTooLarge(const Item& event) const;
-    void park(Item& position, const Item& event);
+    void park(const Item& position, const Item& event);
     void acknowledged(long long time);
 
     AuditSequence& sequence_;
@@ -90,6 +97,10 @@ class QELAUDITING_EXPORT AuditClient::AuditQuery : public Client::Query {
     std::set<std::string> reported_;
     std::chrono::steady_clock::time_point lastProgress_;
     AuditQueryStatistics statistics_;
+    // Kept aside in this walk, with their sizes, and to be removed from the queue when that is durable.
+    std::vector<std::pair<Item, std::size_t>> parking_;
+    std::size_t parkingBytes_ = 0;
+    std::chrono::steady_clock::time_point nextParking_;
 };
 
 }  // namespace qel

@@ -63,18 +63,19 @@ int runQueue(CommandLine& line) {
     bool returns = false;
     line.describe(
         "Tells what waits to be forwarded: how many events of each log, the time of the oldest, and what was "
-        "kept aside because it was damaged or too large for the service.");
+        "kept aside because it was damaged or too large for the service. It may run beside the agent.");
     line.requiredText("--config", "FILE", config, "configuration of the workstation");
     line.number("--show", "N", "events", show, 0, 1000000000,
                 "print that many of the oldest events of each log");
     line.flag("--return-parked", returns,
-              "put events that were too large for the service back, when it takes larger ones now");
+              "first put events that were too large back into their queues, for a service that takes larger "
+              "ones now");
     line.example("qel-audit queue --config qel-audit.toml --show 5");
     if (const auto code = line.parse())
         return *code;
 
     Output output(line.name(), line.quiet(), line.json());
-    Workstation workstation(config, returns ? Workstation::Use::work : Workstation::Use::look);
+    Workstation workstation(config, Workstation::Use::look);
     if (returns)
         returnParked(workstation, output);
     std::int64_t total = 0;

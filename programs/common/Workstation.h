@@ -22,7 +22,7 @@ std::string identityFingerprint(const Credentials& credentials);
 class Workstation {
   public:
     enum class Use {
-        look,  ///< the store must exist; nothing is written
+        look,  ///< the store must exist, and the identity is not needed
         work,  ///< the store is created when missing, and bound to the identity
     };
 

@@ -101,13 +101,14 @@ void checkWaiting(Diagnosis& diagnosis, const std::string& name, const Item& pat
                     "see whether 'qel-audit forward' runs and what it says");
     const long long damaged = AuditAside::count(AsideReason::damaged, path);
     const long long parked = AuditAside::count(AsideReason::parked, path);
-    diagnosis.judge("kept aside " + name,
-                    damaged + parked == 0
-                        ? ""
-                        : std::to_string(damaged) + " damaged and " + std::to_string(parked) +
-                              " too large events of the " + name + " queue were kept aside",
-                    "raise [limits] value_bytes of the service and put the large ones back with 'qel-audit "
-                    "queue --return-parked'");
+    diagnosis.judge(
+        "kept aside " + name,
+        damaged + parked == 0 ? ""
+                              : std::to_string(damaged) + " damaged and " + std::to_string(parked) +
+                                    " too large events of the " + name + " queue were kept aside",
+        parked == 0 ? "see in the log of 'qel-audit forward' which they were"
+                    : "raise [limits] value_bytes of the service and put the large ones back with 'qel-audit "
+                      "queue --return-parked'");
 }
 
 void checkBinding(Diagnosis& diagnosis, const WorkstationConfig& config, ItemStore& store) {

@@ -137,9 +137,11 @@ std::vector<std::pair<Item, Item>> AuditAside::entriesFor(AsideReason reason, co
 
 bool AuditAside::keep(AsideReason reason, const Item& log, const Item& key, ConstByteSpan value) {
     const auto entries = entriesFor(reason, log, key, value);
+    ItemStore* const store = ItemStore::current();
+    bool kept = store != nullptr && !entries.empty();
     for (const auto& [place, content] : entries)
-        place.store(content);
-    return !entries.empty();
+        kept = kept && store->store(place, content.bytes());
+    return kept;
 }
 
 long long AuditAside::returnParked(const Item& log) {
@@ -152,9 +154,11 @@ long long AuditAside::returnParked(const Item& log) {
         entry.value.clear();
         if (!readEntry(position, entry))
             continue;
+        const ConstByteSpan value{std::string_view(entry.value)};
+        if (!store->accepts(entry.key, value.size()))
+            break;
         WriteBatch both(store);
-        if (!store->store(entry.key, ConstByteSpan(std::string_view(entry.value))))
-            continue;
+        store->store(entry.key, value);
         removeWithPieces(position);
         if (!both.commit())
             break;

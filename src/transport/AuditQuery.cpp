@@ -1,6 +1,7 @@
 #include "auditing/AuditAside.h"
 #include "auditing/AuditClient.h"
 #include "auditing/AuditProtocol.h"
+#include "qelCore/ItemStore.h"
 #include "qelCore/Packet.h"
 #include "qelCore/Ref.h"
 #include "qelCore/logging/MessageStream.h"
@@ -44,10 +45,44 @@ void AuditClient::AuditQuery::processEvents() {
     Item position;
     if (!sequence_.getPath().child(position))
         return;
+    WriteBatch batch;
     // One for all, so that its memory is taken once.
     Item event;
-    while (processEntry(position, event) && inFlight_.size() < window && position.next()) {
+    while (processEntry(position, event) && inFlight_.size() < window && !hasParkedEnough() &&
+           position.next()) {
     }
+    if (!parking_.empty())
+        removeParked(batch.commit());
+}
+
+/// What one walk parks is made durable at once, while the connection waits.
+bool AuditClient::AuditQuery::hasParkedEnough() const {
+    constexpr std::size_t mostParked = 1000;
+    constexpr std::size_t mostBytes = WriteBatch::largest / 2;
+    return parking_.size() >= mostParked || parkingBytes_ >= mostBytes;
+}
+
+/// Only what is safe in the other place leaves this one.
+void AuditClient::AuditQuery::removeParked(const CommitResult& kept) {
+    for (const auto& [key, size] : parking_) {
+        if (!kept)
+            break;
+        logging::MessageStream(3, 2) << "event is larger than the service takes (" << size
+                                     << " bytes), kept aside: " << key.asString();
+        ++statistics_.parked;
+        key.remove();
+    }
+    if (!kept) {
+        constexpr std::chrono::seconds pause{10};
+        nextParking_ = std::chrono::steady_clock::now() + pause;
+        logging::MessageStream(3, 2)
+            << parking_.size()
+            << " events that are larger than the service takes stay in the queue: they "
+               "could not be kept aside: "
+            << kept.reason;
+    }
+    parking_.clear();
+    parkingBytes_ = 0;
 }
 
 /// False when the walk must end because the session is over.
@@ -119,12 +154,18 @@ bool AuditClient::AuditQuery::isTooLarge(const Item& event) const {
 }
 
 /// An event that the service can never take must not hold up those behind it.
-void AuditClient::AuditQuery::park(Item& position, const Item& event) {
-    logging::MessageStream(3, 2) << "event is larger than the service takes (" << event.bytes().size()
-                                 << " bytes), kept aside: " << position.asString();
-    ++statistics_.parked;
-    AuditAside::keep(AsideReason::parked, sequence_.getPath(), position, event.bytes());
-    position.remove();
+void AuditClient::AuditQuery::park(const Item& position, const Item& event) {
+    if (std::chrono::steady_clock::now() < nextParking_)
+        return;
+    const std::size_t size = event.bytes().size();
+    if (AuditAside::keep(AsideReason::parked, sequence_.getPath(), position, event.bytes())) {
+        parking_.emplace_back(position, size);
+        parkingBytes_ += size;
+    } else if (reportOnce(position)) {
+        logging::MessageStream(3, 2) << "event is larger than the service takes (" << size
+                                     << " bytes) and cannot be kept aside, it stays in the queue: "
+                                     << position.asString();
+    }
 }
 
 }  // namespace qel

@@ -74,22 +74,24 @@ TEST_F(AuditAsideTest, ParkedEventsReturnToTheirPlacesAndLeaveNothingBehind) {
     store_.store().setValueLimit(2000);
     const std::string large(1900, 'x');
     const std::string pieces(7000, 'y');
-    AuditAside::keep(AsideReason::parked, log_, key_, span("small"));
-    AuditAside::keep(AsideReason::parked, log_, test::queueKey(log_, 6), span(pieces));
+    AuditAside::keep(AsideReason::parked, log_, key_, span(pieces));
+    AuditAside::keep(AsideReason::parked, log_, test::queueKey(log_, 6), span("small"));
     AuditAside::keep(AsideReason::parked, log_, test::queueKey(log_, 7), span(large));
     AuditAside::keep(AsideReason::parked, test::path("other"), test::queueKey(test::path("other"), 7),
                      span("not asked for"));
     AuditAside::keep(AsideReason::damaged, log_, test::queueKey(log_, 8), span("damaged"));
     // What the store does not take stays where it is.
     EXPECT_EQ(AuditAside::returnParked(log_), 2);
-    EXPECT_EQ(store_.times(log_), (std::vector<long long>{5, 7}));
+    EXPECT_EQ(store_.times(log_), (std::vector<long long>{6, 7}));
     ASSERT_EQ(kept(AsideReason::parked).size(), 1U);
+    EXPECT_EQ(AuditAside::count(AsideReason::parked, log_), 1);
     EXPECT_EQ(kept(AsideReason::parked)[0].value, pieces);
+    EXPECT_TRUE(ItemStore::flush()) << "nothing was refused";
     store_.store().setValueLimit(20000);
     EXPECT_EQ(AuditAside::returnParked(log_), 1);
     EXPECT_EQ(store_.times(log_), (std::vector<long long>{5, 6, 7}));
-    EXPECT_EQ(test::queueKey(log_, 5).fetch().view(), "small");
-    EXPECT_EQ(test::queueKey(log_, 6).fetch().view(), pieces);
+    EXPECT_EQ(test::queueKey(log_, 5).fetch().view(), pieces);
+    EXPECT_EQ(test::queueKey(log_, 6).fetch().view(), "small");
     EXPECT_EQ(test::queueKey(log_, 7).fetch().view(), large);
     EXPECT_EQ(AuditAside::count(AsideReason::parked, log_), 0);
     EXPECT_EQ(AuditAside::returnParked(log_), 0);

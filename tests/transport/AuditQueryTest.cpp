@@ -241,6 +241,45 @@ TEST_F(AuditQueryTest, HoweverManyAreParkedNoneIsGivenUp) {
     EXPECT_EQ(last.value, large.bytes().view());
 }
 
+TEST_F(AuditQueryTest, AnEventThatCannotBeKeptAsideStaysInItsQueue) {
+    const Item large = event(std::string(NetworkLimits().valueBytes + 1U, 'x'));
+    store_.put(path_, 1, large);
+    queue(2, 2);
+    const std::size_t usual = store_.store().valueLimit();
+    store_.store().setValueLimit(500);
+    logging::CaptureSink log;
+    EXPECT_EQ(process(), fromTo(2, 2));
+    EXPECT_TRUE(process().empty());
+    EXPECT_EQ(queued(), fromTo(1, 2));
+    EXPECT_EQ(store_.get(path_, 1), large);
+    EXPECT_EQ(query_->getStatistics().parked, 0U);
+    EXPECT_EQ(AuditAside::count(AsideReason::parked, path_), 0);
+    EXPECT_EQ(log.count("cannot be kept aside, it stays in the queue"), 1);
+    store_.store().setValueLimit(usual);
+    process();
+    EXPECT_EQ(queued(), fromTo(2, 2));
+    EXPECT_EQ(query_->getStatistics().parked, 1U);
+    EXPECT_EQ(AuditAside::count(AsideReason::parked, path_), 1);
+}
+
+TEST_F(AuditQueryTest, AWalkThatParksMuchGoesOnInTheNextOne) {
+    const Item large = event(std::string(NetworkLimits().valueBytes + 1U, 'x'));
+    const long long many = static_cast<long long>(WriteBatch::largest / NetworkLimits().valueBytes);
+    for (long long time = 1; time <= many; ++time)
+        store_.put(path_, time, large);
+    queue(many + 1, many + 1);
+    EXPECT_TRUE(process().empty());
+    EXPECT_GT(query_->getStatistics().parked, 0U);
+    EXPECT_LT(query_->getStatistics().parked, static_cast<unsigned long long>(many));
+    std::vector<long long> sent;
+    for (int walks = 0; walks < 10 && sent.empty(); ++walks)
+        sent = process();
+    EXPECT_EQ(sent, fromTo(many + 1, many + 1));
+    EXPECT_EQ(query_->getStatistics().parked, static_cast<unsigned long long>(many));
+    EXPECT_EQ(AuditAside::count(AsideReason::parked, path_), many);
+    EXPECT_EQ(queued(), fromTo(many + 1, many + 1));
+}
+
 TEST_F(AuditQueryTest, PacketsOfOtherTypesAreDeclined) {
     EXPECT_FALSE(receive(test::dataPacket(1, event("E"))));
     EXPECT_FALSE(receive(test::foreignPacket(303)));
