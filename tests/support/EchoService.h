@@ -124,7 +124,7 @@ class EchoQuery : public Client::Query {
     std::vector<long long> numbers_;
 };
 
-/// Waits until `condition` holds, at most thirty seconds; whether it did.
+/// Waits until `condition` holds, at most sixty seconds; whether it did.
 inline bool eventually(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!condition()) {

@@ -57,12 +57,14 @@ class CallLink {
     }
 
   private:
-    Network network_;
-    std::shared_ptr<Peer> peer_;
-    std::unique_ptr<RpcClient> client_;
+    // Before the network, whose handlers touch them until it is gone.
     std::mutex mutex_;
     std::condition_variable changed_;
     bool connected_ = false;
+
+    Network network_;
+    std::shared_ptr<Peer> peer_;
+    std::unique_ptr<RpcClient> client_;
 };
 
 /// A site with an auditor, anna, and logs filled before its daemon starts.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <future>
 #include <set>
@@ -155,6 +156,28 @@ TEST_F(Store, BatchWhoseWriteFoundNoRoomFails) {
     EXPECT_TRUE(contains(ItemStore::flush().reason, "too much is waiting to be written"));
     store_->setCommitObserver({});
     EXPECT_EQ(read(path("holding")), std::string(60000, 'h'));
+}
+
+TEST_F(Store, AnObserverThatIsTakenAwayIsNotRunningAnyMore) {
+    std::promise<void> running;
+    std::promise<void> goOn;
+    std::atomic<bool> ended{false};
+    store_->setCommitObserver([&](const CommitReport&) {
+        running.set_value();
+        goOn.get_future().wait();
+        ended = true;
+    });
+    std::thread writer([] { write(path("key"), "v"); });
+    running.get_future().wait();
+    std::thread later([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        goOn.set_value();
+    });
+    store_->setCommitObserver({});
+    EXPECT_TRUE(ended);
+    writer.join();
+    later.join();
+    write(path("key"), "unobserved");
 }
 
 TEST_F(Store, BatchCompletesOnceItIsDurable) {

@@ -191,6 +191,10 @@ TEST(UniqueClock, ADamagedMarkIsToldAndCostsNoMoreThanItsOwnPart) {
         EXPECT_TRUE(log.contains("the store's record of the unique clock is damaged")) << kept;
         EXPECT_EQ(storage::UniqueClock(page).next(start, 0), kept == 3 ? start : mark + 1);
     }
+    Item wild;
+    wild.addInteger(start + 400 * day);
+    storage::UniqueClock::load(page, wild.bytes().view());
+    EXPECT_EQ(storage::UniqueClock(page).next(start, 0), start);
 }
 
 TEST_F(Unique, AWildClockDoesNotPoisonTheStoreAndNoTimeComesTwice) {

@@ -8,6 +8,7 @@
 
 #include <array>
 
+#include "qelNet/RpcClient.h"
 #include "support/NetworkFixture.h"
 #include "wire/OpenSsl.h"
 
@@ -234,6 +235,18 @@ TEST_F(NetworkTest, ClientConnectsAgainWhenTheServerComesBack) {
     station->send(5);
     EXPECT_TRUE(station->waitFor(1));
     first.reset();
+}
+
+// Nothing of it is left then, or the leak detector would tell.
+TEST_F(NetworkTest, AClientOfRemoteCallsMayGoAfterItsNetwork) {
+    auto network = std::make_unique<Network>();
+    const auto peer = network->connect({listen()}, site_.workstation(), {});
+    auto calls = std::make_unique<RpcClient>(peer.get(), "echo");
+    std::string reason;
+    EXPECT_FALSE(calls->open(60000, reason));
+    EXPECT_NE(reason.find("has no sessions of type"), std::string::npos) << reason;
+    network.reset();
+    calls.reset();
 }
 
 /// A name that is none is not asked of any name server.

@@ -180,9 +180,11 @@ void UniqueClock::load(ClockPage& page, Bytes record) {
         loadPairs(leaps, page.leaps);
         loadPairs(skips, page.skips);
     } else if (!record.empty()) {
+        // Should the mark be wild, too, this is how it came about, and how the clock finds back.
+        pushPair(page.leaps, 0, mark);
         logging::MessageStream(2, 2)
             << "the store's record of the unique clock is damaged: the clock goes on from "
-            << (mark > 0 ? "its mark" : "the present") << "; verify the store";
+            << (mark > 0 ? "its mark" : "the present");
     }
     page.last = mark;
     page.committed = mark;

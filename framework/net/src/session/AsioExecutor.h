@@ -18,7 +18,11 @@ class AsioExecutor : public Executor {
     explicit AsioExecutor(std::shared_ptr<asio::io_context> context)
         : context_(std::move(context)), strand_(asio::make_strand(*context_)) {}
 
-    void post(std::function<void()> function) override { asio::post(strand_, std::move(function)); }
+    void post(std::function<void()> function) override {
+        // What nobody will run must not wait for ever in a context that it keeps alive itself.
+        if (!context_->stopped())
+            asio::post(strand_, std::move(function));
+    }
     bool runsHere() const override { return strand_.running_in_this_thread(); }
     const Strand& strand() const { return strand_; }
 
