@@ -158,7 +158,9 @@ long long AuditAside::returnParked(const Item& log) {
         if (!store->accepts(entry.key, value.size()))
             break;
         WriteBatch both(store);
-        store->store(entry.key, value);
+        // What was kept aside, but could not leave its queue, is still the event itself there.
+        if (store->fetch(entry.key).isNull())
+            store->store(entry.key, value);
         removeWithPieces(position);
         if (!both.commit())
             break;

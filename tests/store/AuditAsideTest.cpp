@@ -104,6 +104,14 @@ TEST_F(AuditAsideTest, ParkedEventsReturnToTheirPlacesAndLeaveNothingBehind) {
     EXPECT_FALSE(folder.child(left)) << left.asString();
 }
 
+TEST_F(AuditAsideTest, AParkedEventThatIsStillQueuedIsNotReplaced) {
+    key_.store(test::event("whole"));
+    AuditAside::keep(AsideReason::parked, log_, key_, span("the first piece"));
+    EXPECT_EQ(AuditAside::returnParked(log_), 1);
+    EXPECT_EQ(AuditStore::value(key_), test::event("whole"));
+    EXPECT_EQ(AuditAside::count(AsideReason::parked, log_), 0);
+}
+
 TEST_F(AuditAsideTest, ValueLargerThanTheStoreTakesIsKeptInPieces) {
     store_.store().setValueLimit(2000);
     std::string raw;
