@@ -9,7 +9,7 @@ import subprocess
 import mmap
 import time
 
-from recorder import FAKETIME
+from recorder import FAKETIME, sweep_clocks
 
 
 def wait_for(what, condition, seconds=60.0, pause=0.05):
@@ -137,6 +137,7 @@ class Site:
     def environment(self, clock_step=None):
         environment = {**os.environ, "LD_PRELOAD": self.faultio, "QEL_FAULTIO": self.io.path}
         if clock_step is not None:
+            sweep_clocks()
             environment |= {"LD_PRELOAD": f"{self.faultio}:{FAKETIME}", "FAKETIME": clock_step,
                             "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
         return environment
