@@ -146,18 +146,9 @@ TEST_F(RemoteCallsTest, ThirdArgumentOfAnotherTypeMeansOneLog) {
     EXPECT_EQ(context.files().size(), 1U);
 }
 
-TEST_F(RemoteCallsTest, FilterOfTwoElementsIsLoggedAndLeavesTheCallOpen) {
-    TestRpcContext context("download_audit_report", downloadArguments(numbers(start, end)));
-    call(context);
-    EXPECT_EQ(log_.texts(logging::levelError),
-              (std::vector<std::string>{"invalid parameters for audit export"}));
-    EXPECT_FALSE(context.isFinished());
-    EXPECT_TRUE(context.files().empty());
-    EXPECT_EQ(context.handlers(), 0U);
-}
-
-TEST_F(RemoteCallsTest, EachOfTheThreeElementsOfAFilterIsNeeded) {
-    for (const Item& filter : {numbers(0, start), numbers(10, 20), numbers(0), Item()}) {
+// Each of the three decodes may be the one that fails.
+TEST_F(RemoteCallsTest, FilterOfTwoElementsOrLessIsLoggedAndLeavesTheCallOpen) {
+    for (const Item& filter : {numbers(start, end), numbers(0, start), numbers(10, 20), numbers(0), Item()}) {
         log_.clear();
         TestRpcContext context("download_audit_report", downloadArguments(filter));
         call(context);

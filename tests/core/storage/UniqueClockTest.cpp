@@ -148,13 +148,21 @@ TEST_F(Unique, AMarkThatIsWrittenWhileTheClockIsWildStaysAtTheTimesHandedOut) {
     EXPECT_LT(store_->uniqueTime(), start + 2 * second);
 }
 
+// The page that the processes of a store share, without a store.
+class UniqueClockPage : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string reason;
+        ASSERT_TRUE(shared_.open(folder_ / "shared", 0600, reason)) << reason;
+    }
+
+    const TemporaryFolder folder_;
+    storage::SharedPage shared_;
+};
+
 // A commit that began while the clock was wild ends when the counter has gone back to the present.
-TEST(UniqueClock, AMarkOfAWildClockThatIsLateDoesNotCoverThePresent) {
-    storage::SharedPage shared;
-    const TemporaryFolder folder;
-    std::string reason;
-    ASSERT_TRUE(shared.open(folder / "shared", 0600, reason)) << reason;
-    storage::ClockPage& page = shared.clock();
+TEST_F(UniqueClockPage, AMarkOfAWildClockThatIsLateDoesNotCoverThePresent) {
+    storage::ClockPage& page = shared_.clock();
     storage::UniqueClock clock(page);
     ASSERT_EQ(clock.next(start, 0), start);
     ASSERT_EQ(clock.next(start + 400 * day, 0), start + 400 * day);
@@ -168,12 +176,8 @@ TEST(UniqueClock, AMarkOfAWildClockThatIsLateDoesNotCoverThePresent) {
     EXPECT_EQ(mark, present);
 }
 
-TEST(UniqueClock, ADamagedMarkIsToldAndCostsNoMoreThanItsOwnPart) {
-    storage::SharedPage shared;
-    const TemporaryFolder folder;
-    std::string reason;
-    ASSERT_TRUE(shared.open(folder / "shared", 0600, reason)) << reason;
-    storage::ClockPage& page = shared.clock();
+TEST_F(UniqueClockPage, ADamagedMarkIsToldAndCostsNoMoreThanItsOwnPart) {
+    storage::ClockPage& page = shared_.clock();
     ASSERT_EQ(storage::UniqueClock(page).next(start, 0), start);
     std::string record;
     long long mark = 0;
