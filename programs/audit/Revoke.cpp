@@ -14,7 +14,8 @@ int runRevoke(CommandLine& line) {
     line.describe(
         "Puts a certificate on the site's revocation list, DIR/revoked.crl: its holder cannot connect again. "
         "The server notices the longer list by itself within a minute, or at once when it is told to reload. "
-        "Where its configuration names no list, the list is named there, and the server must be restarted. "
+        "Where its configuration names no list, the list is named there, and the server must be restarted; "
+        "where it names another one, the command ends with 78. "
         "Further servers of the site need a copy of the list.");
     line.position("DIR", folder, "folder of the site, as made by 'init'");
     line.requiredText("--certificate", "FILE", certificate, "certificate to shut out; a copy serves");

@@ -159,8 +159,8 @@ long long AuditAside::returnParked(const Item& log) {
             break;
         WriteBatch both(store);
         // What was kept aside, but could not leave its queue, is still the event itself there.
-        if (store->fetch(entry.key).isNull())
-            store->store(entry.key, value);
+        if (store->fetch(entry.key).isNull() && !store->store(entry.key, value))
+            break;
         removeWithPieces(position);
         if (!both.commit())
             break;
